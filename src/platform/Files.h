@@ -1,0 +1,34 @@
+#pragma once
+
+#include <expected>
+#include <filesystem>
+#include <string>
+#include <string_view>
+#include <system_error>
+
+// File operations whose results other programs read.
+namespace tamsel::platform {
+
+// Replaces `path` with `bytes` so that a reader sees either the old file whole
+// or the new one whole: the bytes go to a temporary file in the same folder,
+// are flushed to disk, and the temporary file is renamed over `path`. An
+// existing file's permissions are kept; a new file gets rw-r--r--.
+// On failure (no space, no permission, a missing folder, …) the temporary
+// file is removed, the old file is untouched, and the errno comes back as a
+// std::error_code in the generic category.
+std::expected<void, std::error_code> writeFileAtomically(const std::filesystem::path& path,
+                                                         std::string_view bytes);
+
+// The whole file.
+std::expected<std::string, std::error_code> readFile(const std::filesystem::path& path);
+
+// "Excluded from backup" and "hidden" are kept as extended attributes in the
+// user namespace ("user.tamsel.excluded-from-backup", "user.tamsel.hidden").
+// File systems without user attributes refuse with ENOTSUP; callers log that
+// and carry on, since neither flag changes what the program does.
+std::expected<void, std::error_code> setExcludedFromBackup(const std::filesystem::path& path, bool excluded);
+std::expected<void, std::error_code> setHidden(const std::filesystem::path& path, bool hidden);
+std::expected<bool, std::error_code> isExcludedFromBackup(const std::filesystem::path& path);
+std::expected<bool, std::error_code> isHidden(const std::filesystem::path& path);
+
+}  // namespace tamsel::platform
