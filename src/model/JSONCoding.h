@@ -1,0 +1,108 @@
+#pragma once
+
+#include <expected>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "model/Blocker.h"
+#include "model/FirewallPackage.h"
+#include "model/Package.h"
+#include "model/Rule.h"
+
+namespace simdjson {
+struct padded_string;
+}
+
+// JSON forms of the rule model: the content-blocker entry (the same object in
+// package files and Safari JSON files), rules, packages and firewall lists.
+//
+// Decoding is strict about what the format requires and lenient about the
+// rest: a missing required key, a value of the wrong JSON type, an unknown raw
+// string in an enumerated field, bytes that are not UTF-8 or not JSON, and
+// anything after the top-level value are errors; unknown keys are ignored and
+// lost on the next write. A null value counts as an absent key. Decoding never
+// throws and never crashes, whatever the input.
+//
+// Rule and package decoders print the error's description on the console
+// before failing (so a broken rule is named twice: once by itself, once by its
+// package). Entry and firewall decoders print nothing.
+//
+// Encoding produces compact JSON and never fails: a string that is not valid
+// UTF-8 is written with U+FFFD in place of its broken sequences.
+//
+// Every decoder taking a std::string_view copies the input into padded storage
+// for the parser; callers that read whole files should read them straight
+// into a simdjson::padded_string (simdjson::padded_string::load) and use the
+// overloads taking one, which parse in place.
+namespace tamsel::model {
+
+struct DecodingError {
+    // The reason and where, e.g.
+    //   rules[12].content.trigger: missing key "url-filter"
+    //   rules[0].content.trigger.resource-type[1]: unknown resource type "stylesheet"
+    //   invalid UTF-8
+    std::string description;
+
+    bool operator==(const DecodingError&) const = default;
+};
+
+template <typename T>
+using Decoded = std::expected<T, DecodingError>;
+
+// The contents of a package file: either one package object or an array of
+// packages. isArray remembers which, so that the file is written back alike.
+struct PackageFile {
+    std::vector<Package> packages;
+    bool isArray = false;
+
+    bool operator==(const PackageFile&) const = default;
+};
+
+// --- Decoding -------------------------------------------------------------
+
+// One package object or an array of packages.
+Decoded<PackageFile> decodePackageFile(std::string_view json);
+Decoded<PackageFile> decodePackageFile(const simdjson::padded_string& json);
+
+// An array of packages (the list files, the shared package file).
+Decoded<std::vector<Package>> decodePackages(std::string_view json);
+Decoded<std::vector<Package>> decodePackages(const simdjson::padded_string& json);
+
+// One package object (the general package files). "createdAt" absent or null
+// gives the moment of decoding.
+Decoded<Package> decodePackage(std::string_view json);
+Decoded<Package> decodePackage(const simdjson::padded_string& json);
+
+Decoded<Rule> decodeRule(std::string_view json);
+Decoded<Blocker> decodeBlocker(std::string_view json);
+Decoded<Trigger> decodeTrigger(std::string_view json);
+Decoded<Action> decodeAction(std::string_view json);
+// The standalone form {"type": ..., "values": [...]}; never used inside triggers.
+Decoded<DomainFilter> decodeDomainFilter(std::string_view json);
+
+// A Safari JSON file: an array of entries.
+Decoded<std::vector<Blocker>> decodeBlockerArray(std::string_view json);
+Decoded<std::vector<Blocker>> decodeBlockerArray(const simdjson::padded_string& json);
+
+Decoded<FirewallRule> decodeFirewallRule(std::string_view json);
+Decoded<FirewallPackage> decodeFirewallPackage(std::string_view json);
+Decoded<std::vector<FirewallPackage>> decodeFirewallPackages(std::string_view json);
+
+// --- Encoding (compact text; see model/JSONWriting.h to stream) -----------
+
+std::string encodePackageFile(const PackageFile& file);  // object or array, as it came
+std::string encodePackage(const Package& package);
+std::string encodePackages(const std::vector<Package>& packages);
+// Prints "Encoded " + the list for each rule whose partial whitelist is written.
+std::string encodeRule(const Rule& rule);
+std::string encodeBlocker(const Blocker& blocker);
+std::string encodeBlockers(const std::vector<Blocker>& blockers);  // a Safari JSON file
+std::string encodeTrigger(const Trigger& trigger);
+std::string encodeAction(const Action& action);
+std::string encodeDomainFilter(const DomainFilter& filter);
+std::string encodeFirewallRule(const FirewallRule& rule);
+std::string encodeFirewallPackage(const FirewallPackage& package);
+std::string encodeFirewallPackages(const std::vector<FirewallPackage>& packages);
+
+}  // namespace tamsel::model
