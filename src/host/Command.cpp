@@ -1,0 +1,114 @@
+#include "host/Command.h"
+
+#include "platform/DataRoot.h"
+#include "platform/Log.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <filesystem>
+
+namespace tamsel::host {
+namespace {
+
+std::vector<std::pair<std::string, CommandRegistration::AddCommands>>& registry() {
+    static std::vector<std::pair<std::string, CommandRegistration::AddCommands>> entries;
+    return entries;
+}
+
+// Scripts read our standard error line by line, so a message never spans two.
+std::string oneLine(std::string_view text) {
+    std::string line(text);
+    std::replace(line.begin(), line.end(), '\n', ' ');
+    while (!line.empty() && line.back() == ' ') line.pop_back();
+    return line;
+}
+
+int report(std::string_view line, int status) {
+    std::fflush(stdout);
+    std::fprintf(stderr, "tamsel: %s\n", oneLine(line).c_str());
+    return status;
+}
+
+}  // namespace
+
+CommandLine::CommandLine() : app_("The substitute Safari host of Tamsel Actions", "tamsel") {
+    // Subcommands inherit fallthrough, so global options may also follow them.
+    app_.fallthrough();
+    app_.require_subcommand(1);
+    app_.add_option("--home", options_.home, "Data root (default: $TAMSEL_HOME, else the XDG data folder)");
+    app_.add_flag("-v,--verbose", options_.verbose, "Write debug log lines");
+    app_.add_flag("--json", options_.json, "Machine-readable output where a command prints data");
+}
+
+CLI::App* CommandLine::group(const std::string& name, const std::string& description) {
+    for (CLI::App* existing : app_.get_subcommands([](CLI::App*) { return true; })) {
+        if (existing->get_name() == name) return existing;
+    }
+    CLI::App* created = app_.add_subcommand(name, description);
+    created->require_subcommand(1);
+    return created;
+}
+
+void CommandLine::setAction(CLI::App* command, CommandAction action) {
+    actions_.emplace_back(command, std::move(action));
+}
+
+int CommandLine::run(int argc, const char* const* argv) {
+    try {
+        app_.parse(argc, argv);
+    } catch (const CLI::Success& help) {
+        return app_.exit(help);
+    } catch (const CLI::ParseError& error) {
+        return reportUsageError(error.what());
+    }
+    if (int status = applyGlobalOptions(); status != exitSuccess) return status;
+    const CommandAction* action = chosenAction();
+    if (action == nullptr) return reportUsageError("no command given (see tamsel --help)");
+    try {
+        return (*action)();
+    } catch (const std::exception& error) {
+        return reportFailure(error.what());
+    }
+}
+
+int CommandLine::applyGlobalOptions() {
+    if (options_.verbose) platform::setDebugLogsEnabled(true);
+    if (options_.home) {
+        if (options_.home->empty()) return reportUsageError("--home: the folder must not be empty");
+        std::error_code error;
+        const std::filesystem::path home = std::filesystem::absolute(*options_.home, error);
+        if (error) return reportUsageError("--home " + *options_.home + ": " + error.message());
+        platform::DataRoot::setHome(home);
+    }
+    return exitSuccess;
+}
+
+const CommandAction* CommandLine::chosenAction() const {
+    const CLI::App* command = &app_;
+    for (;;) {
+        const auto chosen = command->get_subcommands();
+        if (chosen.empty()) break;
+        command = chosen.back();
+    }
+    for (const auto& [owner, action] : actions_) {
+        if (owner == command) return &action;
+    }
+    return nullptr;
+}
+
+CommandRegistration::CommandRegistration(std::string key, AddCommands addCommands) {
+    registry().emplace_back(std::move(key), std::move(addCommands));
+}
+
+void CommandRegistration::addAll(CommandLine& commandLine) {
+    auto entries = registry();
+    std::stable_sort(entries.begin(), entries.end(),
+                     [](const auto& a, const auto& b) { return a.first < b.first; });
+    for (const auto& [key, addCommands] : entries) addCommands(commandLine);
+}
+
+int reportFailure(std::string_view line) { return report(line, exitFailure); }
+
+int reportUsageError(std::string_view line) { return report(line, exitUsage); }
+
+}  // namespace tamsel::host

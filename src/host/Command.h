@@ -1,0 +1,87 @@
+#pragma once
+
+#include <CLI/CLI.hpp>
+
+#include <functional>
+#include <optional>
+#include <string>
+#include <string_view>
+
+// The frame of the `tamsel` program: global options, exit statuses and the
+// registry through which each command file adds its subcommands.
+//
+// A command file registers itself at namespace scope, so a new command needs
+// no edit of main.cpp:
+//
+//     namespace {
+//     void addRulesCommands(tamsel::host::CommandLine& commandLine) {
+//         CLI::App* rules = commandLine.group("rules", "Check and print package files");
+//         CLI::App* check = rules->add_subcommand("check", "...");
+//         commandLine.setAction(check, [] { return tamsel::host::exitSuccess; });
+//     }
+//     const tamsel::host::CommandRegistration registration{"rules", addRulesCommands};
+//     }  // namespace
+//
+// Actions run after the whole command line has been parsed and the global
+// options have taken effect (data root chosen, debug logs switched on).
+namespace tamsel::host {
+
+inline constexpr int exitSuccess = 0;
+// A failure that was reported on standard error.
+inline constexpr int exitFailure = 1;
+// The command line could not be understood.
+inline constexpr int exitUsage = 2;
+
+struct GlobalOptions {
+    std::optional<std::string> home;  // --home DIR
+    bool verbose = false;             // -v
+    bool json = false;                // --json
+};
+
+// The body of a command; returns the exit status.
+using CommandAction = std::function<int()>;
+
+class CommandLine {
+public:
+    CommandLine();
+
+    CLI::App& app() { return app_; }
+    const GlobalOptions& options() const { return options_; }
+
+    // The command group `name` ("rules", "defaults", ...), created on first
+    // use, so that several files can add subcommands to one group.
+    CLI::App* group(const std::string& name, const std::string& description);
+
+    // When `command` is the last subcommand on the command line, `action` runs.
+    void setAction(CLI::App* command, CommandAction action);
+
+    // Parses, applies the global options and runs the chosen action.
+    int run(int argc, const char* const* argv);
+
+private:
+    int applyGlobalOptions();
+    const CommandAction* chosenAction() const;
+
+    CLI::App app_;
+    GlobalOptions options_;
+    std::vector<std::pair<CLI::App*, CommandAction>> actions_;
+};
+
+// Adds one file's commands; see the example above. Registrations run in the
+// order of their keys, which is the order of the commands in --help.
+class CommandRegistration {
+public:
+    using AddCommands = std::function<void(CommandLine&)>;
+    CommandRegistration(std::string key, AddCommands addCommands);
+
+    // Every registration made so far, sorted by key.
+    static void addAll(CommandLine& commandLine);
+};
+
+// Writes "tamsel: <line>" on standard error and returns exitFailure.
+int reportFailure(std::string_view line);
+
+// Writes "tamsel: <line>" on standard error and returns exitUsage.
+int reportUsageError(std::string_view line);
+
+}  // namespace tamsel::host
