@@ -512,7 +512,8 @@ URLFilterStatus validateURLFilter(std::string_view pattern) {
     return URLFilterReader(pattern).read();
 }
 
-std::optional<ContentRuleListError> validateContentRuleList(std::string_view json) {
+std::optional<ContentRuleListError> validateContentRuleList(std::string_view json,
+                                                            std::size_t* entryCount) {
     simdjson::dom::parser parser;
     simdjson::padded_string padded(json);
     simdjson::dom::element root;
@@ -541,6 +542,7 @@ std::optional<ContentRuleListError> validateContentRuleList(std::string_view jso
                                         "\"" + std::string(urlFilters[index]) + "\": " +
                                             std::string(description(status))};
     }
+    if (entryCount) *entryCount = urlFilters.size();
     return std::nullopt;
 }
 

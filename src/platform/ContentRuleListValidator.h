@@ -45,8 +45,10 @@ struct ContentRuleListError {
 // Safari compiles at most this many entries into one list.
 inline constexpr std::size_t maximumContentRuleCount = 150'000;
 
-// Checks a whole Safari JSON file. Returns nothing when Safari would accept it.
-std::optional<ContentRuleListError> validateContentRuleList(std::string_view json);
+// Checks a whole Safari JSON file. Returns nothing when Safari would accept it;
+// `entryCount`, when given, receives the number of entries of an accepted list.
+std::optional<ContentRuleListError> validateContentRuleList(std::string_view json,
+                                                            std::size_t* entryCount = nullptr);
 
 // Why a url-filter falls outside the regular-expression subset WebKit compiles.
 enum class URLFilterStatus {
