@@ -97,7 +97,7 @@ public:
     struct Impl;
 
 private:
-    explicit UserDefaults(std::unique_ptr<Impl> impl);
+    explicit UserDefaults(std::shared_ptr<Impl> impl);
     std::shared_ptr<Impl> impl_;
 };
 

@@ -66,6 +66,13 @@ public:
     std::optional<Array> asArray() const;
     std::optional<Dictionary> asDictionary() const;
 
+    // The content in place, without a copy; null for another type. T is one
+    // of bool, std::int64_t, double, std::string, Date, Data, Array, Dictionary.
+    template <class T>
+    const T* getIf() const {
+        return std::get_if<T>(&storage_);
+    }
+
     // Compares type and content: Value(1) != Value(1.0) != Value(true).
     friend bool operator==(const Value&, const Value&) = default;
 

@@ -44,6 +44,7 @@ public:
     const std::filesystem::path& home() const { return directory_.path(); }
 
 private:
+    std::optional<std::filesystem::path> previous_;
     TemporaryDirectory directory_;
 };
 

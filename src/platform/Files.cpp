@@ -1,0 +1,135 @@
+#include "platform/Files.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/xattr.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <string>
+
+namespace tamsel::platform {
+namespace {
+
+constexpr const char* excludedFromBackupAttribute = "user.tamsel.excluded-from-backup";
+constexpr const char* hiddenAttribute = "user.tamsel.hidden";
+
+std::unexpected<std::error_code> lastError() { return std::unexpected(std::error_code(errno, std::generic_category())); }
+
+// Closes on every path out, so that early returns cannot leak descriptors.
+class FileDescriptor {
+public:
+    explicit FileDescriptor(int fd) : fd_(fd) {}
+    ~FileDescriptor() { close(); }
+    FileDescriptor(const FileDescriptor&) = delete;
+    FileDescriptor& operator=(const FileDescriptor&) = delete;
+
+    int get() const { return fd_; }
+    int close() {
+        if (fd_ < 0) return 0;
+        const int result = ::close(fd_);
+        fd_ = -1;
+        return result;
+    }
+
+private:
+    int fd_;
+};
+
+bool writeAll(int fd, std::string_view bytes) {
+    while (!bytes.empty()) {
+        const ssize_t written = ::write(fd, bytes.data(), bytes.size());
+        if (written < 0) {
+            if (errno == EINTR) continue;
+            return false;
+        }
+        // A short write is retried; the retry reports why it stopped (ENOSPC, EFBIG).
+        bytes.remove_prefix(static_cast<std::size_t>(written));
+    }
+    return true;
+}
+
+std::expected<void, std::error_code> setFlag(const std::filesystem::path& path, const char* attribute, bool on) {
+    if (on) {
+        if (::setxattr(path.c_str(), attribute, "1", 1, 0) != 0) return lastError();
+        return {};
+    }
+    if (::removexattr(path.c_str(), attribute) != 0 && errno != ENODATA) return lastError();
+    return {};
+}
+
+std::expected<bool, std::error_code> hasFlag(const std::filesystem::path& path, const char* attribute) {
+    if (::getxattr(path.c_str(), attribute, nullptr, 0) >= 0) return true;
+    if (errno == ENODATA) return false;
+    return lastError();
+}
+
+}  // namespace
+
+std::expected<void, std::error_code> writeFileAtomically(const std::filesystem::path& path, std::string_view bytes) {
+    const std::filesystem::path directory = path.has_parent_path() ? path.parent_path() : ".";
+    // Hidden and recognisable, so that a crash mid-write leaves no file that
+    // a reader could mistake for the real one.
+    std::string temporary = (directory / ("." + path.filename().string() + ".tmp-XXXXXX")).string();
+    FileDescriptor fd(::mkostemp(temporary.data(), O_CLOEXEC));
+    if (fd.get() < 0) return lastError();
+
+    auto fail = [&] {
+        const int error = errno;
+        fd.close();
+        ::unlink(temporary.c_str());
+        return std::unexpected(std::error_code(error, std::generic_category()));
+    };
+
+    struct stat existing{};
+    const mode_t mode = ::stat(path.c_str(), &existing) == 0 ? (existing.st_mode & 07777) : 0644;
+    if (::fchmod(fd.get(), mode) != 0) return fail();
+    if (!writeAll(fd.get(), bytes)) return fail();
+    if (::fsync(fd.get()) != 0) return fail();
+    if (fd.close() != 0) return fail();
+    if (::rename(temporary.c_str(), path.c_str()) != 0) return fail();
+
+    // Make the rename itself durable; the data is safe either way.
+    FileDescriptor directoryFd(::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (directoryFd.get() >= 0) ::fsync(directoryFd.get());
+    return {};
+}
+
+std::expected<std::string, std::error_code> readFile(const std::filesystem::path& path) {
+    FileDescriptor fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    if (fd.get() < 0) return lastError();
+    struct stat status{};
+    if (::fstat(fd.get(), &status) != 0) return lastError();
+    if (S_ISDIR(status.st_mode)) return std::unexpected(std::make_error_code(std::errc::is_a_directory));
+    std::string content;
+    content.reserve(static_cast<std::size_t>(status.st_size));
+    char buffer[65536];
+    for (;;) {
+        const ssize_t count = ::read(fd.get(), buffer, sizeof buffer);
+        if (count < 0) {
+            if (errno == EINTR) continue;
+            return lastError();
+        }
+        if (count == 0) break;
+        content.append(buffer, static_cast<std::size_t>(count));
+    }
+    return content;
+}
+
+std::expected<void, std::error_code> setExcludedFromBackup(const std::filesystem::path& path, bool excluded) {
+    return setFlag(path, excludedFromBackupAttribute, excluded);
+}
+
+std::expected<void, std::error_code> setHidden(const std::filesystem::path& path, bool hidden) {
+    return setFlag(path, hiddenAttribute, hidden);
+}
+
+std::expected<bool, std::error_code> isExcludedFromBackup(const std::filesystem::path& path) {
+    return hasFlag(path, excludedFromBackupAttribute);
+}
+
+std::expected<bool, std::error_code> isHidden(const std::filesystem::path& path) {
+    return hasFlag(path, hiddenAttribute);
+}
+
+}  // namespace tamsel::platform

@@ -1,0 +1,106 @@
+#include "platform/Stores.h"
+
+#include <mutex>
+
+#include "platform/BuildConfig.h"
+#include "platform/DataRoot.h"
+#include "platform/Log.h"
+#include "platform/NotificationCenter.h"
+
+namespace tamsel::platform {
+namespace {
+
+struct OpenedStores {
+    std::mutex mutex;
+    std::shared_ptr<UserDefaults> standard;
+    std::shared_ptr<UserDefaults> shared;
+    std::shared_ptr<UbiquitousStore> ubiquitous;
+};
+
+OpenedStores& opened() {
+    static OpenedStores stores;
+    return stores;
+}
+
+const SystemLogger& logger() {
+    static const SystemLogger instance("Defaults");
+    return instance;
+}
+
+// A process must keep running without its files; it just forgets on exit.
+std::shared_ptr<UserDefaults> openOrKeepInMemory(const std::filesystem::path& directory, const std::string& suite) {
+    if (auto defaults = UserDefaults::open(directory, suite)) return defaults;
+    logger().error("Keeping the defaults suite \"%s\" in memory only", suite.c_str());
+    return UserDefaults::inMemory(suite);
+}
+
+std::shared_ptr<UserDefaults> standardLocked(OpenedStores& stores) {
+    if (!stores.standard) stores.standard = openOrKeepInMemory(DataRoot::extensionDirectory(), Defaults::suiteName);
+    return stores.standard;
+}
+
+}  // namespace
+
+std::shared_ptr<UserDefaults> Defaults::standard() {
+    auto& stores = opened();
+    std::lock_guard lock(stores.mutex);
+    return standardLocked(stores);
+}
+
+std::shared_ptr<UserDefaults> SharedDefaults::shared() {
+    auto& stores = opened();
+    std::lock_guard lock(stores.mutex);
+    if (!stores.shared) {
+        stores.shared = UserDefaults::open(DataRoot::groupContainer(), build::groupIdentifier);
+        if (!stores.shared) {
+            logger().error("Could not open the shared defaults of group \"%s\"; using the standard defaults",
+                           build::groupIdentifier);
+            stores.shared = standardLocked(stores);
+        }
+    }
+    return stores.shared;
+}
+
+std::shared_ptr<UbiquitousStore> UbiquitousStore::shared() {
+    auto& stores = opened();
+    std::lock_guard lock(stores.mutex);
+    if (!stores.ubiquitous) {
+        stores.ubiquitous =
+            std::make_shared<UbiquitousStore>(openOrKeepInMemory(DataRoot::cloudDirectory(), suiteName));
+    }
+    return stores.ubiquitous;
+}
+
+UbiquitousStore::UbiquitousStore(std::shared_ptr<UserDefaults> backing) : backing_(std::move(backing)) {
+    // What the cloud would push from the user's other devices arrives here
+    // as writes of other processes to the same file.
+    externalChanges_ = backing_->observeAll([](const std::vector<std::string>& changedKeys, bool external) {
+        if (!external) return;
+        NotificationCenter::defaultCenter().post(
+            didChangeExternallyNotification, {},
+            UserInfo{{changedKeysKey, changedKeys}, {changeReasonKey, std::int64_t{serverChange}}});
+    });
+}
+
+UbiquitousStore::~UbiquitousStore() = default;
+
+std::optional<Value> UbiquitousStore::value(const std::string& key) const { return backing_->value(key); }
+
+void UbiquitousStore::set(std::optional<Value> value, const std::string& key) { backing_->set(std::move(value), key); }
+
+Dictionary UbiquitousStore::dictionaryRepresentation() const { return backing_->dictionaryRepresentation(); }
+
+void resetSharedStoresForTesting() {
+    OpenedStores released;
+    {
+        auto& stores = opened();
+        std::lock_guard lock(stores.mutex);
+        std::swap(released.standard, stores.standard);
+        std::swap(released.shared, stores.shared);
+        std::swap(released.ubiquitous, stores.ubiquitous);
+    }
+    // Closing joins the watcher threads; do it without holding the lock that
+    // their handlers may need to reach the stores.
+}
+
+}  // namespace tamsel::platform

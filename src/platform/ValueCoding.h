@@ -1,0 +1,30 @@
+#pragma once
+
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "platform/Value.h"
+
+// The binary form in which the stores keep a value: exact for every type
+// (dates to the nanosecond, doubles bit for bit), unlike JSON.
+//
+//   boolean    'b' byte(0|1)
+//   integer    'i' int64 (little endian)
+//   real       'r' IEEE-754 bits as uint64
+//   string     's' uint64 length, UTF-8 bytes
+//   date       't' int64 nanoseconds since 1970-01-01T00:00:00Z
+//   data       'd' uint64 length, bytes
+//   array      'a' uint64 count, values
+//   dictionary 'o' uint64 count, (uint64 length, key bytes, value)…
+//
+// Another process writes these bytes, so decoding trusts nothing: lengths are
+// checked against the input and nesting is limited.
+namespace tamsel::platform {
+
+std::string encodeValue(const Value& value);
+
+// Absent when the bytes are not exactly one well-formed value.
+std::optional<Value> decodeValue(std::string_view bytes);
+
+}  // namespace tamsel::platform
