@@ -1,0 +1,318 @@
+#include "storage/BlockerPreferenceManager.h"
+
+#include "platform/BuildConfig.h"
+#include "platform/DataRoot.h"
+#include "platform/InterProcessMutex.h"
+#include "platform/Log.h"
+#include "platform/Stores.h"
+#include "runtime/settings/Keys.h"
+#include "runtime/settings/NotificationNames.h"
+#include "storage/PackagePreferences.h"
+
+#include <algorithm>
+#include <fmt/format.h>
+#include <mutex>
+
+namespace tamsel::storage {
+
+namespace {
+
+using platform::consolePrint;
+
+// Beside the shared defaults in the group container, which every program of
+// the product sees.
+constexpr char lockFileName[] = "disabled-states.lock";
+
+// Runs `update` as one read-modify-write that no other thread or process
+// interleaves with.
+template <class F>
+void exclusively(F&& update) {
+    static std::mutex threads;
+    std::lock_guard threadLock(threads);
+    platform::InterProcessMutex processes(platform::DataRoot::groupContainer() / lockFileName);
+    std::lock_guard processLock(processes);
+    update();
+}
+
+DisabledPackages readPackageMap(const platform::Store& store) {
+    return decodeDisabledPackages(store.dictionary(BlockerPreferenceManager::disabledPackageIDsKey));
+}
+
+DisabledRules readRuleMap(const platform::Store& store) {
+    return decodeDisabledRules(store.dictionary(BlockerPreferenceManager::disabledRuleIDsKey));
+}
+
+template <class Map>
+void saveMap(platform::Store& store, const Map& map, const std::string& key) {
+    store.set(platform::Value(encode(map)), key);
+    store.synchronize();
+}
+
+// The older layout is dropped from both stores, whichever is chosen now: a
+// copy left in the other store would be moved a second time after a switch
+// of "StorePreferencesLocally" on a container whose flag was reset.
+void removeOldKey(const std::string& key) {
+    platform::SharedDefaults::shared()->removeObject(key);
+    auto ubiquitous = platform::UbiquitousStore::shared();
+    ubiquitous->removeObject(key);
+    ubiquitous->synchronize();
+}
+
+// Moves one older layout into its map, once per shared container. `move`
+// receives the chosen store and returns nothing; the flag is checked again
+// under the lock so that only one process or thread moves.
+template <class Move>
+void moveOnce(const std::string& flag, Move&& move) {
+    auto shared = platform::SharedDefaults::shared();
+    if (shared->boolValue(flag)) return;
+    exclusively([&] {
+        if (shared->boolValue(flag)) return;
+        // Set first, so that a failure half-way never repeats the move.
+        shared->set(platform::Value(true), flag);
+        move(*BlockerPreferenceManager::chosenStore());
+    });
+}
+
+void movePackagesIfNeeded() {
+    moveOnce(BlockerPreferenceManager::didMigrateDisabledPackageIDsFromOldArrayOnce, [](platform::Store& store) {
+        const platform::Array old = store.array(BlockerPreferenceManager::oldDisabledPackagesKey).value_or(platform::Array{});
+        consolePrint(fmt::format("Migrating disabled package IDs ({}) from old array to the new dictionary", old.size()));
+        DisabledPackages map = readPackageMap(store);
+        consolePrint(fmt::format("BEFORE: dictionary.count = {}", map.size()));
+        consolePrint(describe(map));
+        for (const platform::Value& value : old) {
+            if (auto identifier = value.asString()) map.insert_or_assign(*identifier, true);
+        }
+        consolePrint(fmt::format("AFTER: dictionary.count = {}", map.size()));
+        consolePrint(describe(map));
+        saveMap(store, map, BlockerPreferenceManager::disabledPackageIDsKey);
+        removeOldKey(BlockerPreferenceManager::oldDisabledPackagesKey);
+    });
+}
+
+void moveRulesIfNeeded() {
+    moveOnce(BlockerPreferenceManager::didMigrateDisabledRuleIDsFromOldArrayOnce, [](platform::Store& store) {
+        const platform::Dictionary old =
+            store.dictionary(BlockerPreferenceManager::oldDisabledRulesKey).value_or(platform::Dictionary{});
+        consolePrint(fmt::format("Migrating disabled rule IDs ({}) from old array to the new dictionary", old.size()));
+        DisabledRules map = readRuleMap(store);
+        consolePrint(fmt::format("BEFORE: dictionary.count = {}", map.size()));
+        consolePrint(describe(map));
+        for (const auto& [packageID, value] : old) {
+            const auto ruleIDs = value.asArray();
+            if (!ruleIDs) continue;
+            auto& rules = map[packageID];
+            for (const platform::Value& ruleID : *ruleIDs) {
+                if (auto identifier = ruleID.asString()) rules.insert_or_assign(*identifier, true);
+            }
+        }
+        consolePrint(fmt::format("AFTER: dictionary.count = {}", map.size()));
+        consolePrint(describe(map));
+        saveMap(store, map, BlockerPreferenceManager::disabledRuleIDsKey);
+        removeOldKey(BlockerPreferenceManager::oldDisabledRulesKey);
+    });
+}
+
+template <class Change>
+void updatePackageMap(Change&& change) {
+    movePackagesIfNeeded();
+    exclusively([&] {
+        auto store = BlockerPreferenceManager::chosenStore();
+        DisabledPackages map = readPackageMap(*store);
+        change(map);
+        saveMap(*store, map, BlockerPreferenceManager::disabledPackageIDsKey);
+    });
+}
+
+template <class Change>
+void updateRuleMap(Change&& change) {
+    moveRulesIfNeeded();
+    exclusively([&] {
+        auto store = BlockerPreferenceManager::chosenStore();
+        DisabledRules map = readRuleMap(*store);
+        change(map);
+        saveMap(*store, map, BlockerPreferenceManager::disabledRuleIDsKey);
+    });
+}
+
+bool isPackageDisabled(const model::Package& package, const DisabledPackages& packages) {
+    const auto entry = packages.find(package.id);
+    return entry != packages.end() && entry->second;
+}
+
+// Blockers of the package's enabled rules that whitelist `extensionType`.
+void appendWhitelistBlockers(const model::Package& package, model::ExtensionType extensionType,
+                             const DisabledRules& rules, std::vector<model::Blocker>& result) {
+    for (const model::Rule& rule : package.rules) {
+        if (!isDisabledFast(rule, package.id, rules) && rule.isWhitelist(extensionType)) {
+            result.push_back(rule.blocker);
+        }
+    }
+}
+
+bool holdsWhitelistRule(const model::Package& package) {
+    return std::any_of(package.rules.begin(), package.rules.end(), [](const model::Rule& rule) {
+        return rule.blocker.action.type == model::ActionType::ignorePreviousRules;
+    });
+}
+
+}  // namespace
+
+std::shared_ptr<platform::Store> BlockerPreferenceManager::chosenStore() {
+    if (platform::SharedDefaults::shared()->boolValue(settings::Keys::storePreferencesLocally)) {
+        return platform::SharedDefaults::shared();
+    }
+    return platform::UbiquitousStore::shared();
+}
+
+BlockerPreferenceManager::BlockerPreferenceManager(Passkey,
+                                                   std::weak_ptr<BlockerPreferenceChangesObserver> changesObserver,
+                                                   Collaborators collaborators)
+    : serialWriteQueue_(std::string(build::baseIdentifier) + ".writeQueue.BlockerPreferenceManager"),
+      changesObserver_(std::move(changesObserver)),
+      collaborators_(std::move(collaborators)) {}
+
+std::shared_ptr<BlockerPreferenceManager> BlockerPreferenceManager::create(
+    std::weak_ptr<BlockerPreferenceChangesObserver> changesObserver) {
+    return create(std::move(changesObserver), Collaborators{});
+}
+
+std::shared_ptr<BlockerPreferenceManager> BlockerPreferenceManager::create(
+    std::weak_ptr<BlockerPreferenceChangesObserver> changesObserver, Collaborators collaborators) {
+    auto manager = std::make_shared<BlockerPreferenceManager>(Passkey{}, std::move(changesObserver),
+                                                              std::move(collaborators));
+    manager->observeExternalChanges();
+    return manager;
+}
+
+BlockerPreferenceManager::~BlockerPreferenceManager() { externalChanges_.remove(); }
+
+void BlockerPreferenceManager::observeExternalChanges() {
+    // The cloud store only reports other writers' changes once it is open.
+    platform::UbiquitousStore::shared();
+    std::weak_ptr<BlockerPreferenceManager> weakSelf = weak_from_this();
+    externalChanges_ = platform::NotificationCenter::defaultCenter().addObserver(
+        platform::UbiquitousStore::didChangeExternallyNotification, nullptr,
+        [weakSelf](const platform::Notification& notification) {
+            const auto* keys = notification.userInfoValue<std::vector<std::string>>(
+                platform::UbiquitousStore::changedKeysKey);
+            if (!keys || std::find(keys->begin(), keys->end(), disabledPackageIDsKey) == keys->end()) return;
+            platform::DispatchQueue::main().async([weakSelf] {
+                if (auto self = weakSelf.lock()) self->tellObserver();
+            });
+        });
+}
+
+void BlockerPreferenceManager::tellObserver() {
+    if (auto observer = changesObserver_.lock()) observer->blockerPreferencesDidChange(*this);
+}
+
+void BlockerPreferenceManager::postOnMain(const char* name) {
+    platform::DispatchQueue::main().async([self = shared_from_this(), name] {
+        platform::NotificationCenter::defaultCenter().post(name, self.get());
+    });
+}
+
+DisabledPackages BlockerPreferenceManager::disabledPackages() const {
+    movePackagesIfNeeded();
+    return readPackageMap(*chosenStore());
+}
+
+DisabledRules BlockerPreferenceManager::disabledRules() const {
+    moveRulesIfNeeded();
+    return readRuleMap(*chosenStore());
+}
+
+void BlockerPreferenceManager::saveEnabledPreferenceWithoutReload(const model::Rule& rule,
+                                                                  const model::Package& inPackage) {
+    postOnMain(settings::NotificationNames::willPersistPreference);
+    updateRuleMap([&](DisabledRules& map) { map[inPackage.id].insert_or_assign(rule.id, false); });
+    platform::DispatchQueue::main().async([self = shared_from_this()] {
+        platform::NotificationCenter::defaultCenter().post(settings::NotificationNames::didPersistPreference,
+                                                           self.get());
+        self->tellObserver();
+    });
+}
+
+void BlockerPreferenceManager::saveEnabledPreferenceWithoutReload(const model::Package& package) {
+    updatePackageMap([&](DisabledPackages& map) { map.insert_or_assign(package.id, false); });
+    tellObserver();
+}
+
+void BlockerPreferenceManager::saveDisabledPreferenceWithoutReload(const model::Package& package) {
+    updatePackageMap([&](DisabledPackages& map) { map.insert_or_assign(package.id, true); });
+    tellObserver();
+}
+
+void BlockerPreferenceManager::savePreferenceWithReload(std::vector<model::Package> packages, bool disabled) {
+    postOnMain(settings::NotificationNames::willPersistPreference);
+    serialWriteQueue_.async([self = shared_from_this(), packages = std::move(packages), disabled] {
+        updatePackageMap([&](DisabledPackages& map) {
+            for (const model::Package& package : packages) map.insert_or_assign(package.id, disabled);
+        });
+
+        std::vector<model::ExtensionType> types;
+        for (const model::Package& package : packages) {
+            const model::ExtensionType type = package.type();
+            if (std::find(types.begin(), types.end(), type) == types.end()) types.push_back(type);
+        }
+        auto reloading = self->collaborators_.reloading ? self->collaborators_.reloading : ExtensionReloading::shared();
+        if (std::any_of(packages.begin(), packages.end(), holdsWhitelistRule)) {
+            // Whitelisting entries end every extension's file.
+            reloading->saveToJSONAndReloadAll(std::nullopt, {});
+        } else {
+            for (model::ExtensionType type : types) reloading->saveToJSONAndReload(type, false, {});
+        }
+
+        platform::DispatchQueue::main().async([self] {
+            platform::NotificationCenter::defaultCenter().post(settings::NotificationNames::didPersistPreference,
+                                                               self.get());
+            self->tellObserver();
+        });
+    });
+}
+
+void BlockerPreferenceManager::waitForPendingWrites() {
+    serialWriteQueue_.sync([] {});
+}
+
+std::vector<model::Blocker> BlockerPreferenceManager::findEnabledBlockersRemovingWhitelistRules(
+    const std::vector<model::Package>& packages) const {
+    const DisabledRules rules = disabledRules();
+    const DisabledPackages disabled = disabledPackages();
+    std::vector<model::Blocker> result;
+    for (const model::Package& package : packages) {
+        if (isPackageDisabled(package, disabled) || package.isConfigurableWhitelist()) continue;
+        const model::ExtensionType ownType = package.type();
+        for (const model::Rule& rule : package.rules) {
+            if (!isDisabledFast(rule, package.id, rules) && !rule.isWhitelist(ownType)) {
+                result.push_back(rule.blocker);
+            }
+        }
+    }
+    return result;
+}
+
+std::vector<model::Blocker> BlockerPreferenceManager::findEnabledWhitelistBlockers(
+    model::ExtensionType extensionType) const {
+    const PackageSource* source = collaborators_.packages ? collaborators_.packages : PackageSource::shared();
+    const std::vector<model::Package> configurable = source ? source->configurablePackages()
+                                                            : std::vector<model::Package>{};
+    const auto whitelist = std::find_if(configurable.begin(), configurable.end(),
+                                        [](const model::Package& package) { return package.isConfigurableWhitelist(); });
+    if (whitelist == configurable.end()) {
+        consolePrint("Can't find Whitelist package in DataManager.configurablePackages");
+        return {};
+    }
+
+    const DisabledRules rules = disabledRules();
+    const DisabledPackages disabled = disabledPackages();
+    std::vector<model::Blocker> result;
+    if (!isPackageDisabled(*whitelist, disabled)) appendWhitelistBlockers(*whitelist, extensionType, rules, result);
+    for (const model::Package& custom : source->customPackages()) {
+        if (!isPackageDisabled(custom, disabled)) appendWhitelistBlockers(custom, extensionType, rules, result);
+    }
+    return result;
+}
+
+}  // namespace tamsel::storage
