@@ -1,0 +1,520 @@
+#include <simdjson.h>
+
+#include <chrono>
+#include <string>
+#include <utility>
+
+#include "model/JSONCoding.h"
+#include "model/ReferenceDate.h"
+#include "platform/Log.h"
+
+// simdjson's On-Demand front end parses lazily while we walk the document, so
+// a 50 MB package file is decoded in one pass without building a DOM. Every
+// call below checks its error code: a malformed document surfaces as an error
+// from the step that reaches the bad bytes, never as an exception.
+namespace tamsel::model {
+
+namespace {
+
+namespace od = simdjson::ondemand;
+
+// A failure on its way up: the path grows as each enclosing decoder adds the
+// key or index it was working on, so the final text says where it happened.
+struct Failure {
+    std::string path;
+    std::string reason;
+
+    Failure& inKey(std::string_view key) { return prepend(std::string(key)); }
+    Failure& atIndex(std::size_t index) { return prepend("[" + std::to_string(index) + "]"); }
+
+    std::string description() const { return path.empty() ? reason : path + ": " + reason; }
+
+private:
+    Failure& prepend(std::string segment) {
+        if (!path.empty() && path.front() != '[') segment += '.';
+        path.insert(0, segment);
+        return *this;
+    }
+};
+
+template <typename T>
+using Result = std::expected<T, Failure>;
+
+std::unexpected<Failure> fail(std::string reason) { return std::unexpected(Failure{{}, std::move(reason)}); }
+
+std::unexpected<Failure> fail(simdjson::error_code code) {
+    switch (code) {
+        case simdjson::UTF8_ERROR: return fail("invalid UTF-8");
+        case simdjson::DEPTH_ERROR: return fail("nesting too deep");
+        case simdjson::EMPTY: return fail("not JSON: no value");
+        default: return fail(std::string("not JSON: ") + simdjson::error_message(code));
+    }
+}
+
+std::unexpected<Failure> missingKey(std::string_view key) {
+    return fail("missing key \"" + std::string(key) + "\"");
+}
+
+std::string_view typeName(od::json_type type) {
+    switch (type) {
+        case od::json_type::array: return "array";
+        case od::json_type::object: return "object";
+        case od::json_type::number: return "number";
+        case od::json_type::string: return "string";
+        case od::json_type::boolean: return "boolean";
+        case od::json_type::null: return "null";
+    }
+    return "unknown value";
+}
+
+// Checking the type first turns simdjson's bare INCORRECT_TYPE into a message
+// that says what was found instead.
+Result<od::json_type> typeOf(od::value& value) {
+    od::json_type type;
+    if (auto error = value.type().get(type)) return fail(error);
+    return type;
+}
+
+Result<void> expectType(od::value& value, od::json_type expected) {
+    auto type = typeOf(value);
+    if (!type) return std::unexpected(type.error());
+    if (*type != expected) {
+        return fail("expected " + std::string(typeName(expected)) + ", found " + std::string(typeName(*type)));
+    }
+    return {};
+}
+
+// True when the value is JSON null: optional keys treat it as absent.
+Result<bool> isNull(od::value& value) {
+    auto type = typeOf(value);
+    if (!type) return std::unexpected(type.error());
+    return *type == od::json_type::null;
+}
+
+Result<std::string> readString(od::value& value) {
+    if (auto ok = expectType(value, od::json_type::string); !ok) return std::unexpected(ok.error());
+    std::string_view text;
+    if (auto error = value.get_string().get(text)) return fail(error);
+    return std::string(text);
+}
+
+Result<bool> readBool(od::value& value) {
+    if (auto ok = expectType(value, od::json_type::boolean); !ok) return std::unexpected(ok.error());
+    bool flag;
+    if (auto error = value.get_bool().get(flag)) return fail(error);
+    return flag;
+}
+
+Result<double> readNumber(od::value& value) {
+    if (auto ok = expectType(value, od::json_type::number); !ok) return std::unexpected(ok.error());
+    double number;
+    if (auto error = value.get_double().get(number)) return fail(error);
+    return number;
+}
+
+Result<od::object> openObject(od::value& value) {
+    if (auto ok = expectType(value, od::json_type::object); !ok) return std::unexpected(ok.error());
+    od::object object;
+    if (auto error = value.get_object().get(object)) return fail(error);
+    return object;
+}
+
+Result<od::array> openArray(od::value& value) {
+    if (auto ok = expectType(value, od::json_type::array); !ok) return std::unexpected(ok.error());
+    od::array array;
+    if (auto error = value.get_array().get(array)) return fail(error);
+    return array;
+}
+
+// Calls `onField(key, value)` for every field of the object; the first failure
+// stops the walk and is returned with the key added to its path. Values the
+// callback leaves unread are skipped by the parser.
+template <typename OnField>
+Result<void> forEachField(od::value& value, OnField&& onField) {
+    auto object = openObject(value);
+    if (!object) return std::unexpected(object.error());
+    for (auto fieldResult : *object) {
+        od::field field;
+        if (auto error = std::move(fieldResult).get(field)) return fail(error);
+        std::string_view key;
+        if (auto error = field.unescaped_key().get(key)) return fail(error);
+        Result<void> handled = onField(key, field.value());
+        if (!handled) {
+            handled.error().inKey(key);
+            return handled;
+        }
+    }
+    return {};
+}
+
+// Calls `onElement(value)` for every element of the array, in order.
+template <typename OnElement>
+Result<void> forEachElement(od::value& value, OnElement&& onElement) {
+    auto array = openArray(value);
+    if (!array) return std::unexpected(array.error());
+    std::size_t index = 0;
+    for (auto elementResult : *array) {
+        od::value element;
+        if (auto error = std::move(elementResult).get(element)) return fail(error);
+        Result<void> handled = onElement(element);
+        if (!handled) {
+            handled.error().atIndex(index);
+            return handled;
+        }
+        ++index;
+    }
+    return {};
+}
+
+template <typename T, typename Decode>
+Result<std::vector<T>> readArray(od::value& value, Decode&& decode) {
+    std::vector<T> elements;
+    auto walked = forEachElement(value, [&](od::value& element) -> Result<void> {
+        auto decoded = decode(element);
+        if (!decoded) return std::unexpected(decoded.error());
+        elements.push_back(std::move(*decoded));
+        return {};
+    });
+    if (!walked) return std::unexpected(walked.error());
+    return elements;
+}
+
+template <RawRepresentable E>
+Result<E> readRawValue(od::value& value, std::string_view vocabulary) {
+    auto text = readString(value);
+    if (!text) return std::unexpected(text.error());
+    if (auto parsed = fromRawValue<E>(*text)) return *parsed;
+    return fail("unknown " + std::string(vocabulary) + " \"" + *text + "\"");
+}
+
+// Stores into `target` unless the value is null.
+template <typename T, typename Read>
+Result<void> readOptional(od::value& value, std::optional<T>& target, Read&& read) {
+    auto null = isNull(value);
+    if (!null) return std::unexpected(null.error());
+    if (*null) {
+        target.reset();
+        return {};
+    }
+    auto decoded = read(value);
+    if (!decoded) return std::unexpected(decoded.error());
+    target = std::move(*decoded);
+    return {};
+}
+
+template <typename T, typename Read>
+Result<void> readInto(od::value& value, std::optional<T>& target, Read&& read) {
+    auto decoded = read(value);
+    if (!decoded) return std::unexpected(decoded.error());
+    target = std::move(*decoded);
+    return {};
+}
+
+Result<std::vector<std::string>> readStringArray(od::value& value) {
+    return readArray<std::string>(value, readString);
+}
+
+// --- Records -----------------------------------------------------------------
+
+Result<Trigger> readTrigger(od::value& value) {
+    std::optional<std::string> urlFilter;
+    std::optional<bool> caseSensitive;
+    Trigger trigger;
+    std::optional<std::vector<std::string>> ifDomain;
+    std::optional<std::vector<std::string>> unlessDomain;
+
+    auto walked = forEachField(value, [&](std::string_view key, od::value& field) -> Result<void> {
+        if (key == "url-filter") return readInto(field, urlFilter, readString);
+        if (key == "url-filter-is-case-sensitive") return readOptional(field, caseSensitive, readBool);
+        if (key == "resource-type") {
+            return readOptional(field, trigger.resourceTypes, [](od::value& list) {
+                return readArray<ResourceType>(
+                    list, [](od::value& element) { return readRawValue<ResourceType>(element, "resource type"); });
+            });
+        }
+        if (key == "load-type") {
+            return readOptional(field, trigger.loadType, [](od::value& list) {
+                return readArray<LoadType>(
+                    list, [](od::value& element) { return readRawValue<LoadType>(element, "load type"); });
+            });
+        }
+        if (key == rawValue(DomainFilterType::ifDomain)) return readOptional(field, ifDomain, readStringArray);
+        if (key == rawValue(DomainFilterType::unlessDomain)) return readOptional(field, unlessDomain, readStringArray);
+        return {};
+    });
+    if (!walked) return std::unexpected(walked.error());
+    if (!urlFilter) return missingKey("url-filter");
+
+    trigger.urlFilter = std::move(*urlFilter);
+    // Safari's own default would be false; files written before the key was
+    // always present rely on true.
+    trigger.caseSensitive = caseSensitive.value_or(true);
+    // Only one domain list can hold, and "if-domain" wins when both are given.
+    if (ifDomain && !ifDomain->empty()) {
+        trigger.domainFilter = DomainFilter{DomainFilterType::ifDomain, std::move(*ifDomain)};
+    } else if (unlessDomain && !unlessDomain->empty()) {
+        trigger.domainFilter = DomainFilter{DomainFilterType::unlessDomain, std::move(*unlessDomain)};
+    }
+    return trigger;
+}
+
+Result<Action> readAction(od::value& value) {
+    std::optional<ActionType> type;
+    Action action;
+    auto walked = forEachField(value, [&](std::string_view key, od::value& field) -> Result<void> {
+        if (key == "type") {
+            return readInto(field, type, [](od::value& v) { return readRawValue<ActionType>(v, "action type"); });
+        }
+        if (key == "selector") return readOptional(field, action.selector, readString);
+        return {};
+    });
+    if (!walked) return std::unexpected(walked.error());
+    if (!type) return missingKey("type");
+    action.type = *type;
+    return action;
+}
+
+Result<Blocker> readBlocker(od::value& value) {
+    std::optional<Trigger> trigger;
+    std::optional<Action> action;
+    auto walked = forEachField(value, [&](std::string_view key, od::value& field) -> Result<void> {
+        if (key == "trigger") return readInto(field, trigger, readTrigger);
+        if (key == "action") return readInto(field, action, readAction);
+        return {};
+    });
+    if (!walked) return std::unexpected(walked.error());
+    if (!trigger) return missingKey("trigger");
+    if (!action) return missingKey("action");
+    return Blocker{std::move(*trigger), std::move(*action)};
+}
+
+Result<DomainFilter> readDomainFilter(od::value& value) {
+    std::optional<DomainFilterType> type;
+    std::optional<std::vector<std::string>> values;
+    auto walked = forEachField(value, [&](std::string_view key, od::value& field) -> Result<void> {
+        if (key == "type") {
+            return readInto(field, type,
+                            [](od::value& v) { return readRawValue<DomainFilterType>(v, "domain filter type"); });
+        }
+        if (key == "values") return readInto(field, values, readStringArray);
+        return {};
+    });
+    if (!walked) return std::unexpected(walked.error());
+    if (!type) return missingKey("type");
+    if (!values) return missingKey("values");
+    return DomainFilter{*type, std::move(*values)};
+}
+
+// Rules and packages report their own failures on the console, as the
+// programs sharing these files always have.
+template <typename T>
+Result<T> printingFailure(Result<T> result) {
+    if (!result) platform::consolePrint(result.error().description());
+    return result;
+}
+
+Result<Rule> readRuleUnreported(od::value& value) {
+    std::optional<std::string> id;
+    std::optional<std::string> name;
+    std::optional<Blocker> content;
+    std::vector<ExtensionType> partialWhitelist;
+    auto walked = forEachField(value, [&](std::string_view key, od::value& field) -> Result<void> {
+        if (key == "id") return readInto(field, id, readString);
+        if (key == "name") return readInto(field, name, readString);
+        if (key == "content") return readInto(field, content, readBlocker);
+        if (key == "partial-whitelist") {
+            std::optional<std::vector<std::string>> rawTypes;
+            auto read = readOptional(field, rawTypes, readStringArray);
+            if (!read) return read;
+            partialWhitelist.clear();
+            // Strings naming no extension type (say, from a newer version) are
+            // skipped instead of failing the rule.
+            for (const auto& raw : rawTypes.value_or(std::vector<std::string>{})) {
+                if (auto type = fromRawValue<ExtensionType>(raw)) partialWhitelist.push_back(*type);
+            }
+            return {};
+        }
+        return {};
+    });
+    if (!walked) return std::unexpected(walked.error());
+    if (!id) return missingKey("id");
+    if (!name) return missingKey("name");
+    if (!content) return missingKey("content");
+    // Bypasses the constructor's check on purpose: a file's list is kept even
+    // for a rule that is not a whitelist rule.
+    Rule rule(std::move(*id), std::move(*name), std::move(*content));
+    rule.partialWhitelist = std::move(partialWhitelist);
+    return rule;
+}
+
+Result<Rule> readRule(od::value& value) { return printingFailure(readRuleUnreported(value)); }
+
+Result<Package> readPackage(od::value& value) {
+    std::optional<std::string> id;
+    std::optional<std::string> name;
+    std::optional<std::vector<Rule>> rules;
+    std::optional<double> createdAt;
+    auto walked = forEachField(value, [&](std::string_view key, od::value& field) -> Result<void> {
+        if (key == "id") return readInto(field, id, readString);
+        if (key == "name") return readInto(field, name, readString);
+        if (key == "rules") return readInto(field, rules, [](od::value& list) { return readArray<Rule>(list, readRule); });
+        if (key == "createdAt") return readOptional(field, createdAt, readNumber);
+        return {};
+    });
+    Result<Package> result = [&]() -> Result<Package> {
+        if (!walked) return std::unexpected(walked.error());
+        if (!id) return missingKey("id");
+        if (!name) return missingKey("name");
+        if (!rules) return missingKey("rules");
+        std::optional<Date> date;
+        if (createdAt) date = dateWithTimeIntervalSinceReferenceDate(*createdAt);
+        return Package(std::move(*id), std::move(*name), std::move(*rules), date);
+    }();
+    return printingFailure(std::move(result));
+}
+
+Result<FirewallRule> readFirewallRule(od::value& value) {
+    std::optional<std::string> id;
+    std::optional<std::string> host;
+    auto walked = forEachField(value, [&](std::string_view key, od::value& field) -> Result<void> {
+        if (key == "id") return readInto(field, id, readString);
+        if (key == "host") return readInto(field, host, readString);
+        return {};
+    });
+    if (!walked) return std::unexpected(walked.error());
+    if (!id) return missingKey("id");
+    if (!host) return missingKey("host");
+    return FirewallRule{std::move(*id), std::move(*host)};
+}
+
+Result<FirewallPackage> readFirewallPackage(od::value& value) {
+    std::optional<std::string> id;
+    std::optional<std::vector<FirewallRule>> rules;
+    auto walked = forEachField(value, [&](std::string_view key, od::value& field) -> Result<void> {
+        if (key == "id") return readInto(field, id, readString);
+        if (key == "rules") {
+            return readInto(field, rules,
+                            [](od::value& list) { return readArray<FirewallRule>(list, readFirewallRule); });
+        }
+        return {};
+    });
+    if (!walked) return std::unexpected(walked.error());
+    if (!id) return missingKey("id");
+    if (!rules) return missingKey("rules");
+    return FirewallPackage{std::move(*id), std::move(*rules)};
+}
+
+// --- Documents ---------------------------------------------------------------
+
+// Parses `json` and hands its top-level value to `decode`, which must be an
+// object or an array (On-Demand cannot treat a scalar document as a value;
+// none of our formats is one). Anything after that value is an error.
+template <typename T, typename Decode>
+Decoded<T> decodeDocument(const simdjson::padded_string& json, std::string_view expected, Decode&& decode) {
+    const auto failed = [](const Failure& failure) { return std::unexpected(DecodingError{failure.description()}); };
+    od::parser parser;
+    od::document document;
+    if (auto error = parser.iterate(json).get(document)) return failed(fail(error).error());
+    od::json_type type;
+    if (auto error = document.type().get(type)) return failed(fail(error).error());
+    if (type != od::json_type::object && type != od::json_type::array) {
+        return failed(fail("expected " + std::string(expected) + ", found " + std::string(typeName(type))).error());
+    }
+    od::value root;
+    if (auto error = document.get_value().get(root)) return failed(fail(error).error());
+    Result<T> decoded = decode(root, type);
+    if (!decoded) return failed(decoded.error());
+    // current_location() answers "out of bounds" once the whole input is used.
+    const char* rest = nullptr;
+    if (!document.current_location().get(rest)) return failed(fail("unexpected content after the JSON value").error());
+    return std::move(*decoded);
+}
+
+template <typename T, typename Read>
+Decoded<T> decodeObject(const simdjson::padded_string& json, Read&& read) {
+    return decodeDocument<T>(json, "object", [&](od::value& root, od::json_type) { return read(root); });
+}
+
+template <typename T, typename Read>
+Decoded<std::vector<T>> decodeArray(const simdjson::padded_string& json, Read&& read) {
+    return decodeDocument<std::vector<T>>(json, "array",
+                                          [&](od::value& root, od::json_type) { return readArray<T>(root, read); });
+}
+
+}  // namespace
+
+Decoded<PackageFile> decodePackageFile(const simdjson::padded_string& json) {
+    return decodeDocument<PackageFile>(json, "object or array",
+                                       [](od::value& root, od::json_type type) -> Result<PackageFile> {
+                                           PackageFile file;
+                                           file.isArray = type == od::json_type::array;
+                                           if (file.isArray) {
+                                               auto packages = readArray<Package>(root, readPackage);
+                                               if (!packages) return std::unexpected(packages.error());
+                                               file.packages = std::move(*packages);
+                                           } else {
+                                               auto package = readPackage(root);
+                                               if (!package) return std::unexpected(package.error());
+                                               file.packages.push_back(std::move(*package));
+                                           }
+                                           return file;
+                                       });
+}
+
+Decoded<std::vector<Package>> decodePackages(const simdjson::padded_string& json) {
+    return decodeArray<Package>(json, readPackage);
+}
+
+Decoded<Package> decodePackage(const simdjson::padded_string& json) {
+    return decodeObject<Package>(json, readPackage);
+}
+
+Decoded<std::vector<Blocker>> decodeBlockerArray(const simdjson::padded_string& json) {
+    return decodeArray<Blocker>(json, readBlocker);
+}
+
+Decoded<PackageFile> decodePackageFile(std::string_view json) { return decodePackageFile(simdjson::padded_string(json)); }
+
+Decoded<std::vector<Package>> decodePackages(std::string_view json) {
+    return decodePackages(simdjson::padded_string(json));
+}
+
+Decoded<Package> decodePackage(std::string_view json) { return decodePackage(simdjson::padded_string(json)); }
+
+Decoded<std::vector<Blocker>> decodeBlockerArray(std::string_view json) {
+    return decodeBlockerArray(simdjson::padded_string(json));
+}
+
+Decoded<Rule> decodeRule(std::string_view json) {
+    return decodeObject<Rule>(simdjson::padded_string(json), readRule);
+}
+
+Decoded<Blocker> decodeBlocker(std::string_view json) {
+    return decodeObject<Blocker>(simdjson::padded_string(json), readBlocker);
+}
+
+Decoded<Trigger> decodeTrigger(std::string_view json) {
+    return decodeObject<Trigger>(simdjson::padded_string(json), readTrigger);
+}
+
+Decoded<Action> decodeAction(std::string_view json) {
+    return decodeObject<Action>(simdjson::padded_string(json), readAction);
+}
+
+Decoded<DomainFilter> decodeDomainFilter(std::string_view json) {
+    return decodeObject<DomainFilter>(simdjson::padded_string(json), readDomainFilter);
+}
+
+Decoded<FirewallRule> decodeFirewallRule(std::string_view json) {
+    return decodeObject<FirewallRule>(simdjson::padded_string(json), readFirewallRule);
+}
+
+Decoded<FirewallPackage> decodeFirewallPackage(std::string_view json) {
+    return decodeObject<FirewallPackage>(simdjson::padded_string(json), readFirewallPackage);
+}
+
+Decoded<std::vector<FirewallPackage>> decodeFirewallPackages(std::string_view json) {
+    return decodeArray<FirewallPackage>(simdjson::padded_string(json), readFirewallPackage);
+}
+
+}  // namespace tamsel::model
