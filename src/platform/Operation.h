@@ -67,9 +67,15 @@ protected:
 private:
     friend class OperationQueue;
 
-    // Called (outside every lock) whenever this operation finishes; queues use
-    // it to start the operations that were waiting for it.
-    void addFinishObserver(std::function<void()> observer);
+    // Hooks of the queue that holds the operation, run outside every lock:
+    // `readinessChanged` when a dependency finishes or the operation is
+    // cancelled or loses a dependency, `finished` once it has finished. Fails
+    // when the operation already belongs to a queue or has started.
+    bool attachToQueue(std::function<void()> readinessChanged, std::function<void()> finished);
+    // Everything after the state became finished: completion block, waiters,
+    // the queue, dependants.
+    void settle();
+    void notifyReadinessChanged();
 
     struct Impl;
     std::unique_ptr<Impl> impl_;
