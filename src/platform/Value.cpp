@@ -104,18 +104,17 @@ struct JSONReader {
             return Value(integer);
         }
         if (kind == od::number_type::unsigned_integer) {
-            std::uint64_t integer = 0;
-            if (auto error = node.get_uint64().get(integer)) return std::unexpected(describe(error, document));
             // Beyond int64 an integer survives only approximately, as a double.
-            if (integer <= static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max())) {
-                return Value(static_cast<std::int64_t>(integer));
+            std::uint64_t integer = 0;
+            if (node.get_uint64().get(integer) == simdjson::SUCCESS) {
+                if (integer <= static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max())) {
+                    return Value(static_cast<std::int64_t>(integer));
+                }
+                return Value(static_cast<double>(integer));
             }
-            return Value(static_cast<double>(integer));
-        }
-        if (kind == od::number_type::floating_point_number) {
+        } else {
             double real = 0;
-            if (auto error = node.get_double().get(real)) return std::unexpected(describe(error, document));
-            return Value(real);
+            if (node.get_double().get(real) == simdjson::SUCCESS) return Value(real);
         }
         // Integers wider than 64 bits: simdjson only hands out their text.
         std::string_view token;

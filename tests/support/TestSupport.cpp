@@ -117,6 +117,24 @@ ScopedDataRoot::~ScopedDataRoot() {
     platform::DataRoot::setHome(previous_);
 }
 
+ScopedEnvironmentVariable::ScopedEnvironmentVariable(std::string name, std::optional<std::string> value)
+    : name_(std::move(name)) {
+    if (const char* previous = std::getenv(name_.c_str())) previous_ = previous;
+    if (value) {
+        ::setenv(name_.c_str(), value->c_str(), 1);
+    } else {
+        ::unsetenv(name_.c_str());
+    }
+}
+
+ScopedEnvironmentVariable::~ScopedEnvironmentVariable() {
+    if (previous_) {
+        ::setenv(name_.c_str(), previous_->c_str(), 1);
+    } else {
+        ::unsetenv(name_.c_str());
+    }
+}
+
 LogCapture::LogCapture(bool silence) {
     previous_ = platform::setLogSink(
         [this](const platform::LogRecord& record) {

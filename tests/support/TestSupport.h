@@ -48,6 +48,21 @@ private:
     TemporaryDirectory directory_;
 };
 
+// Sets (or, with std::nullopt, unsets) an environment variable and restores
+// the previous state on destruction. Not for use while other threads read the
+// environment.
+class ScopedEnvironmentVariable {
+public:
+    ScopedEnvironmentVariable(std::string name, std::optional<std::string> value);
+    ~ScopedEnvironmentVariable();
+    ScopedEnvironmentVariable(const ScopedEnvironmentVariable&) = delete;
+    ScopedEnvironmentVariable& operator=(const ScopedEnvironmentVariable&) = delete;
+
+private:
+    std::string name_;
+    std::optional<std::string> previous_;
+};
+
 // Collects every log record while it lives (the lines still reach their
 // streams unless `silence` is true). Thread-safe.
 class LogCapture {

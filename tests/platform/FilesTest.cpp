@@ -1,0 +1,156 @@
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <fstream>
+#include <thread>
+
+#include "platform/Files.h"
+#include "support/TestSupport.h"
+
+namespace tamsel::platform {
+namespace {
+
+using tamsel::testing::runChildProcess;
+using tamsel::testing::TemporaryDirectory;
+
+std::vector<std::string> namesIn(const std::filesystem::path& directory) {
+    std::vector<std::string> names;
+    for (const auto& entry : std::filesystem::directory_iterator(directory)) names.push_back(entry.path().filename());
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
+mode_t modeOf(const std::filesystem::path& path) {
+    struct stat status{};
+    EXPECT_EQ(::stat(path.c_str(), &status), 0);
+    return status.st_mode & 07777;
+}
+
+class FilesTest : public ::testing::Test {
+protected:
+    void writeOld() {
+        ASSERT_TRUE(writeFileAtomically(target, "old content"));
+        ASSERT_EQ(*readFile(target), "old content");
+    }
+    void expectOldFileAlone() {
+        EXPECT_EQ(*readFile(target), "old content");
+        EXPECT_EQ(namesIn(target.parent_path()), std::vector<std::string>{"block-ads.json"});
+    }
+
+    TemporaryDirectory directory;
+    std::filesystem::path target = directory / "shared" / "block-ads.json";
+
+    void SetUp() override { std::filesystem::create_directories(target.parent_path()); }
+};
+
+TEST_F(FilesTest, ReplacesTheFileAndLeavesNothingElse) {
+    writeOld();
+    const std::string large(3 * 1024 * 1024 + 17, 'z');
+    ASSERT_TRUE(writeFileAtomically(target, large));
+    EXPECT_EQ(*readFile(target), large);
+    ASSERT_TRUE(writeFileAtomically(target, ""));
+    EXPECT_EQ(*readFile(target), "");
+    EXPECT_EQ(namesIn(target.parent_path()), std::vector<std::string>{"block-ads.json"});
+}
+
+TEST_F(FilesTest, NewFilesAreReadableByOthersAndExistingPermissionsStay) {
+    ASSERT_TRUE(writeFileAtomically(target, "a"));
+    EXPECT_EQ(modeOf(target), 0644u);
+    ASSERT_EQ(::chmod(target.c_str(), 0600), 0);
+    ASSERT_TRUE(writeFileAtomically(target, "b"));
+    EXPECT_EQ(modeOf(target), 0600u);
+}
+
+TEST_F(FilesTest, MissingFolderIsReportedAndNothingIsCreated) {
+    const auto result = writeFileAtomically(directory / "missing" / "file.json", "x");
+    ASSERT_FALSE(result);
+    EXPECT_EQ(result.error(), std::errc::no_such_file_or_directory);
+    EXPECT_FALSE(std::filesystem::exists(directory / "missing"));
+}
+
+TEST_F(FilesTest, RefusedPermissionLeavesTheOldFileWhole) {
+    writeOld();
+    ASSERT_EQ(::chmod(target.parent_path().c_str(), 0555), 0);
+    ASSERT_EQ(::chmod(directory.path().c_str(), 0755), 0);
+    // Root ignores folder permissions, so the write is tried as nobody.
+    const int code = runChildProcess([&] {
+        if (::geteuid() == 0 && (::setgid(65534) != 0 || ::setuid(65534) != 0)) return 100;
+        const auto result = writeFileAtomically(target, "new content");
+        if (result) return 101;
+        return result.error() == std::errc::permission_denied ? 0 : 102;
+    });
+    EXPECT_EQ(code, 0);
+    expectOldFileAlone();
+}
+
+TEST_F(FilesTest, ShortWriteFromAFullDiskLeavesTheOldFileWhole) {
+    writeOld();
+    // A file-size limit makes write() stop part-way, as a full disk does.
+    const int code = runChildProcess([&] {
+        ::signal(SIGXFSZ, SIG_IGN);
+        const rlimit limit{4096, 4096};
+        if (::setrlimit(RLIMIT_FSIZE, &limit) != 0) return 100;
+        const auto result = writeFileAtomically(target, std::string(64 * 1024, 'n'));
+        if (result) return 101;
+        return result.error() == std::errc::file_too_large ? 0 : 102;
+    });
+    EXPECT_EQ(code, 0);
+    expectOldFileAlone();
+}
+
+TEST_F(FilesTest, ReadersNeverSeeAHalfWrittenFile) {
+    const std::string first(256 * 1024, 'a');
+    const std::string second(128 * 1024, 'b');
+    ASSERT_TRUE(writeFileAtomically(target, first));
+    std::atomic<bool> stop{false};
+    std::atomic<int> torn{0};
+    std::atomic<int> reads{0};
+    std::thread reader([&] {
+        while (!stop) {
+            auto content = readFile(target);
+            if (!content || (*content != first && *content != second)) ++torn;
+            ++reads;
+        }
+    });
+    for (int i = 0; i < 40; ++i) ASSERT_TRUE(writeFileAtomically(target, i % 2 ? first : second));
+    while (reads < 10) std::this_thread::yield();
+    stop = true;
+    reader.join();
+    EXPECT_EQ(torn, 0);
+}
+
+TEST_F(FilesTest, ReadFileReportsWhatIsWrong) {
+    EXPECT_EQ(readFile(directory / "absent").error(), std::errc::no_such_file_or_directory);
+    EXPECT_EQ(readFile(directory.path()).error(), std::errc::is_a_directory);
+}
+
+TEST_F(FilesTest, BackupAndHiddenFlagsAreExtendedAttributes) {
+    writeOld();
+    auto set = setExcludedFromBackup(target, true);
+    if (!set && set.error() == std::errc::operation_not_supported) {
+        GTEST_SKIP() << "this file system keeps no user attributes";
+    }
+    ASSERT_TRUE(set) << set.error().message();
+    EXPECT_EQ(isExcludedFromBackup(target), true);
+    EXPECT_EQ(isHidden(target), false);
+    ASSERT_TRUE(setHidden(target, true));
+    EXPECT_EQ(isHidden(target), true);
+    ASSERT_TRUE(setExcludedFromBackup(target, false));
+    ASSERT_TRUE(setExcludedFromBackup(target, false));  // clearing twice is fine
+    EXPECT_EQ(isExcludedFromBackup(target), false);
+    // A replaced file is a new file: flags are set again by whoever needs them.
+    ASSERT_TRUE(writeFileAtomically(target, "new"));
+    EXPECT_EQ(isHidden(target), false);
+
+    const auto missing = setHidden(directory / "absent", true);
+    ASSERT_FALSE(missing);
+    EXPECT_EQ(missing.error(), std::errc::no_such_file_or_directory);
+    EXPECT_FALSE(isHidden(directory / "absent"));
+}
+
+}  // namespace
+}  // namespace tamsel::platform
