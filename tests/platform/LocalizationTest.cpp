@@ -119,11 +119,11 @@ TEST(ShippedStringTables, ParseCleanlyAndTranslateTheirKeys) {
     resetLocalizationForTesting();
     LogCapture log;
     const std::filesystem::path folder = std::filesystem::path(TAMSEL_SOURCE_DIR) / "resources" / "strings" / "en";
+    std::size_t keys = 0;
     for (const char* table : {"TamselKit+Localizable", "CommonUI+Localizable", "Shortcut+Localizable"}) {
         const auto content = readFile(folder / (std::string(table) + ".strings"));
         ASSERT_TRUE(content) << table;
         // Every quoted key at the start of a line must come back translated.
-        std::size_t keys = 0;
         std::istringstream lines(*content);
         for (std::string line; std::getline(lines, line);) {
             if (!line.starts_with('"')) continue;
@@ -131,8 +131,8 @@ TEST(ShippedStringTables, ParseCleanlyAndTranslateTheirKeys) {
             EXPECT_NE(localizedString(table, key), key) << table << ": " << key;
             ++keys;
         }
-        EXPECT_GT(keys, 0u) << table;
     }
+    EXPECT_GT(keys, 50u);
     EXPECT_FALSE(log.contains("Malformed")) << ::testing::PrintToString(log.messages());
     resetLocalizationForTesting();
 }
