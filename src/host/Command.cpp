@@ -23,11 +23,13 @@ std::string oneLine(std::string_view text) {
     return line;
 }
 
-int report(std::string_view line, int status) {
+int writeError(std::string_view line, int status) {
     std::fflush(stdout);
-    std::fprintf(stderr, "tamsel: %s\n", oneLine(line).c_str());
+    std::fprintf(stderr, "%s\n", oneLine(line).c_str());
     return status;
 }
+
+int report(std::string_view line, int status) { return writeError("tamsel: " + std::string(line), status); }
 
 }  // namespace
 
@@ -59,7 +61,7 @@ int CommandLine::run(int argc, const char* const* argv) {
     } catch (const CLI::Success& help) {
         return app_.exit(help);
     } catch (const CLI::ParseError& error) {
-        return reportUsageError(error.what());
+        return writeError(describe(error), exitUsage);
     }
     if (int status = applyGlobalOptions(); status != exitSuccess) return status;
     const CommandAction* action = chosenAction();
@@ -83,13 +85,32 @@ int CommandLine::applyGlobalOptions() {
     return exitSuccess;
 }
 
-const CommandAction* CommandLine::chosenAction() const {
+const CLI::App* CommandLine::deepestCommand() const {
     const CLI::App* command = &app_;
     for (;;) {
         const auto chosen = command->get_subcommands();
-        if (chosen.empty()) break;
+        if (chosen.empty()) return command;
         command = chosen.back();
     }
+}
+
+std::string CommandLine::describe(const CLI::ParseError& error) const {
+    // CLI11 checks for a missing subcommand before it complains about words
+    // it did not know, so "tamsel rules chek" would read "A subcommand is
+    // required"; name the unknown word instead, and the command it follows.
+    std::string path;
+    for (const CLI::App* command = deepestCommand(); command != nullptr; command = command->get_parent()) {
+        path = command->get_name() + (path.empty() ? "" : " " + path);
+    }
+    const auto unknown = app_.remaining();
+    if (!unknown.empty()) {
+        return path + ": unknown command or argument \"" + unknown.front() + "\" (see " + path + " --help)";
+    }
+    return path + ": " + error.what();
+}
+
+const CommandAction* CommandLine::chosenAction() const {
+    const CLI::App* command = deepestCommand();
     for (const auto& [owner, action] : actions_) {
         if (owner == command) return &action;
     }

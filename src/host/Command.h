@@ -60,6 +60,8 @@ public:
 
 private:
     int applyGlobalOptions();
+    const CLI::App* deepestCommand() const;
+    std::string describe(const CLI::ParseError& error) const;
     const CommandAction* chosenAction() const;
 
     CLI::App app_;
