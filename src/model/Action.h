@@ -13,7 +13,7 @@ namespace tamsel::model {
 // hide actions use one); it is written to JSON whenever present.
 struct Action {
     ActionType type = ActionType::block;
-    std::optional<std::string> selector;
+    std::optional<std::string> selector{};
 
     bool operator==(const Action&) const = default;
 };

@@ -11,8 +11,8 @@ namespace tamsel::model {
 // One Safari content-blocker entry. Its JSON object is the same in package
 // files (a rule's "content") and in the Safari JSON files (an array element).
 struct Blocker {
-    Trigger trigger;  // rule edits replace it, e.g. to change the domain list
-    Action action;
+    Trigger trigger{};  // rule edits replace it, e.g. to change the domain list
+    Action action{};
 
     bool operator==(const Blocker&) const = default;
 };

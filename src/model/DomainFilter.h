@@ -14,7 +14,7 @@ namespace tamsel::model {
 // with a leading "*" for subdomains. Nothing here validates them.
 struct DomainFilter {
     DomainFilterType type = DomainFilterType::ifDomain;  // fixed at construction
-    std::vector<std::string> values;
+    std::vector<std::string> values{};
 
     bool operator==(const DomainFilter&) const = default;
 };

@@ -12,15 +12,15 @@
 namespace tamsel::model {
 
 struct FirewallRule {
-    std::string id;
-    std::string host;  // the host name to block
+    std::string id{};
+    std::string host{};  // the host name to block
 
     bool operator==(const FirewallRule&) const = default;
 };
 
 struct FirewallPackage {
-    std::string id;
-    std::vector<FirewallRule> rules;  // order matters for equality
+    std::string id{};
+    std::vector<FirewallRule> rules{};  // order matters for equality
 
     bool operator==(const FirewallPackage&) const = default;
 };

@@ -31,10 +31,10 @@ struct padded_string;
 // Encoding produces compact JSON and never fails: a string that is not valid
 // UTF-8 is written with U+FFFD in place of its broken sequences.
 //
-// Every decoder taking a std::string_view copies the input into padded storage
-// for the parser; callers that read whole files should read them straight
-// into a simdjson::padded_string (simdjson::padded_string::load) and use the
-// overloads taking one, which parse in place.
+// The parser needs padding after the input. Text given as a string is copied
+// into padded storage first; callers that read whole files should read them
+// straight into a simdjson::padded_string (simdjson::padded_string::load) and
+// pass that, which parses in place.
 namespace tamsel::model {
 
 struct DecodingError {
@@ -50,6 +50,23 @@ struct DecodingError {
 template <typename T>
 using Decoded = std::expected<T, DecodingError>;
 
+// The bytes to decode: any string, or padded storage that needs no copy.
+// Only for passing as an argument; it refers to the caller's bytes.
+class JSONInput {
+public:
+    JSONInput(std::string_view text) : text_(text) {}
+    JSONInput(const std::string& text) : text_(text) {}
+    JSONInput(const char* text) : text_(text) {}
+    JSONInput(const simdjson::padded_string& padded) : padded_(&padded) {}
+
+    const simdjson::padded_string* padded() const { return padded_; }
+    std::string_view text() const { return text_; }
+
+private:
+    std::string_view text_;
+    const simdjson::padded_string* padded_ = nullptr;
+};
+
 // The contents of a package file: either one package object or an array of
 // packages. isArray remembers which, so that the file is written back alike.
 struct PackageFile {
@@ -62,36 +79,34 @@ struct PackageFile {
 // --- Decoding -------------------------------------------------------------
 
 // One package object or an array of packages.
-Decoded<PackageFile> decodePackageFile(std::string_view json);
-Decoded<PackageFile> decodePackageFile(const simdjson::padded_string& json);
+Decoded<PackageFile> decodePackageFile(JSONInput json);
 
 // An array of packages (the list files, the shared package file).
-Decoded<std::vector<Package>> decodePackages(std::string_view json);
-Decoded<std::vector<Package>> decodePackages(const simdjson::padded_string& json);
+Decoded<std::vector<Package>> decodePackages(JSONInput json);
 
 // One package object (the general package files). "createdAt" absent or null
 // gives the moment of decoding.
-Decoded<Package> decodePackage(std::string_view json);
-Decoded<Package> decodePackage(const simdjson::padded_string& json);
+Decoded<Package> decodePackage(JSONInput json);
 
-Decoded<Rule> decodeRule(std::string_view json);
-Decoded<Blocker> decodeBlocker(std::string_view json);
-Decoded<Trigger> decodeTrigger(std::string_view json);
-Decoded<Action> decodeAction(std::string_view json);
+Decoded<Rule> decodeRule(JSONInput json);
+Decoded<Blocker> decodeBlocker(JSONInput json);
+Decoded<Trigger> decodeTrigger(JSONInput json);
+Decoded<Action> decodeAction(JSONInput json);
 // The standalone form {"type": ..., "values": [...]}; never used inside triggers.
-Decoded<DomainFilter> decodeDomainFilter(std::string_view json);
+Decoded<DomainFilter> decodeDomainFilter(JSONInput json);
 
 // A Safari JSON file: an array of entries.
-Decoded<std::vector<Blocker>> decodeBlockerArray(std::string_view json);
-Decoded<std::vector<Blocker>> decodeBlockerArray(const simdjson::padded_string& json);
+Decoded<std::vector<Blocker>> decodeBlockerArray(JSONInput json);
 
-Decoded<FirewallRule> decodeFirewallRule(std::string_view json);
-Decoded<FirewallPackage> decodeFirewallPackage(std::string_view json);
-Decoded<std::vector<FirewallPackage>> decodeFirewallPackages(std::string_view json);
+Decoded<FirewallRule> decodeFirewallRule(JSONInput json);
+Decoded<FirewallPackage> decodeFirewallPackage(JSONInput json);
+Decoded<std::vector<FirewallPackage>> decodeFirewallPackages(JSONInput json);
 
 // --- Encoding (compact text; see model/JSONWriting.h to stream) -----------
 
-std::string encodePackageFile(const PackageFile& file);  // object or array, as it came
+// One package object when the file was one (isArray false, one package),
+// otherwise an array.
+std::string encodePackageFile(const PackageFile& file);
 std::string encodePackage(const Package& package);
 std::string encodePackages(const std::vector<Package>& packages);
 // Prints "Encoded " + the list for each rule whose partial whitelist is written.

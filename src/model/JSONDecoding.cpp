@@ -410,8 +410,12 @@ Result<FirewallPackage> readFirewallPackage(od::value& value) {
 // object or an array (On-Demand cannot treat a scalar document as a value;
 // none of our formats is one). Anything after that value is an error.
 template <typename T, typename Decode>
-Decoded<T> decodeDocument(const simdjson::padded_string& json, std::string_view expected, Decode&& decode) {
+Decoded<T> decodeDocument(JSONInput input, std::string_view expected, Decode&& decode) {
     const auto failed = [](const Failure& failure) { return std::unexpected(DecodingError{failure.description()}); };
+    std::optional<simdjson::padded_string> copy;
+    if (input.padded() == nullptr) copy.emplace(input.text());
+    const simdjson::padded_string& json = copy ? *copy : *input.padded();
+
     od::parser parser;
     od::document document;
     if (auto error = parser.iterate(json).get(document)) return failed(fail(error).error());
@@ -431,90 +435,60 @@ Decoded<T> decodeDocument(const simdjson::padded_string& json, std::string_view 
 }
 
 template <typename T, typename Read>
-Decoded<T> decodeObject(const simdjson::padded_string& json, Read&& read) {
+Decoded<T> decodeObject(JSONInput json, Read&& read) {
     return decodeDocument<T>(json, "object", [&](od::value& root, od::json_type) { return read(root); });
 }
 
 template <typename T, typename Read>
-Decoded<std::vector<T>> decodeArray(const simdjson::padded_string& json, Read&& read) {
+Decoded<std::vector<T>> decodeArray(JSONInput json, Read&& read) {
     return decodeDocument<std::vector<T>>(json, "array",
                                           [&](od::value& root, od::json_type) { return readArray<T>(root, read); });
 }
 
+Result<PackageFile> readPackageFile(od::value& root, od::json_type type) {
+    PackageFile file;
+    file.isArray = type == od::json_type::array;
+    if (file.isArray) {
+        auto packages = readArray<Package>(root, readPackage);
+        if (!packages) return std::unexpected(packages.error());
+        file.packages = std::move(*packages);
+    } else {
+        auto package = readPackage(root);
+        if (!package) return std::unexpected(package.error());
+        file.packages.push_back(std::move(*package));
+    }
+    return file;
+}
+
 }  // namespace
 
-Decoded<PackageFile> decodePackageFile(const simdjson::padded_string& json) {
-    return decodeDocument<PackageFile>(json, "object or array",
-                                       [](od::value& root, od::json_type type) -> Result<PackageFile> {
-                                           PackageFile file;
-                                           file.isArray = type == od::json_type::array;
-                                           if (file.isArray) {
-                                               auto packages = readArray<Package>(root, readPackage);
-                                               if (!packages) return std::unexpected(packages.error());
-                                               file.packages = std::move(*packages);
-                                           } else {
-                                               auto package = readPackage(root);
-                                               if (!package) return std::unexpected(package.error());
-                                               file.packages.push_back(std::move(*package));
-                                           }
-                                           return file;
-                                       });
+Decoded<PackageFile> decodePackageFile(JSONInput json) {
+    return decodeDocument<PackageFile>(json, "object or array", readPackageFile);
 }
 
-Decoded<std::vector<Package>> decodePackages(const simdjson::padded_string& json) {
-    return decodeArray<Package>(json, readPackage);
+Decoded<std::vector<Package>> decodePackages(JSONInput json) { return decodeArray<Package>(json, readPackage); }
+Decoded<Package> decodePackage(JSONInput json) { return decodeObject<Package>(json, readPackage); }
+Decoded<Rule> decodeRule(JSONInput json) { return decodeObject<Rule>(json, readRule); }
+Decoded<Blocker> decodeBlocker(JSONInput json) { return decodeObject<Blocker>(json, readBlocker); }
+Decoded<Trigger> decodeTrigger(JSONInput json) { return decodeObject<Trigger>(json, readTrigger); }
+Decoded<Action> decodeAction(JSONInput json) { return decodeObject<Action>(json, readAction); }
+
+Decoded<DomainFilter> decodeDomainFilter(JSONInput json) {
+    return decodeObject<DomainFilter>(json, readDomainFilter);
 }
 
-Decoded<Package> decodePackage(const simdjson::padded_string& json) {
-    return decodeObject<Package>(json, readPackage);
+Decoded<std::vector<Blocker>> decodeBlockerArray(JSONInput json) { return decodeArray<Blocker>(json, readBlocker); }
+
+Decoded<FirewallRule> decodeFirewallRule(JSONInput json) {
+    return decodeObject<FirewallRule>(json, readFirewallRule);
 }
 
-Decoded<std::vector<Blocker>> decodeBlockerArray(const simdjson::padded_string& json) {
-    return decodeArray<Blocker>(json, readBlocker);
+Decoded<FirewallPackage> decodeFirewallPackage(JSONInput json) {
+    return decodeObject<FirewallPackage>(json, readFirewallPackage);
 }
 
-Decoded<PackageFile> decodePackageFile(std::string_view json) { return decodePackageFile(simdjson::padded_string(json)); }
-
-Decoded<std::vector<Package>> decodePackages(std::string_view json) {
-    return decodePackages(simdjson::padded_string(json));
-}
-
-Decoded<Package> decodePackage(std::string_view json) { return decodePackage(simdjson::padded_string(json)); }
-
-Decoded<std::vector<Blocker>> decodeBlockerArray(std::string_view json) {
-    return decodeBlockerArray(simdjson::padded_string(json));
-}
-
-Decoded<Rule> decodeRule(std::string_view json) {
-    return decodeObject<Rule>(simdjson::padded_string(json), readRule);
-}
-
-Decoded<Blocker> decodeBlocker(std::string_view json) {
-    return decodeObject<Blocker>(simdjson::padded_string(json), readBlocker);
-}
-
-Decoded<Trigger> decodeTrigger(std::string_view json) {
-    return decodeObject<Trigger>(simdjson::padded_string(json), readTrigger);
-}
-
-Decoded<Action> decodeAction(std::string_view json) {
-    return decodeObject<Action>(simdjson::padded_string(json), readAction);
-}
-
-Decoded<DomainFilter> decodeDomainFilter(std::string_view json) {
-    return decodeObject<DomainFilter>(simdjson::padded_string(json), readDomainFilter);
-}
-
-Decoded<FirewallRule> decodeFirewallRule(std::string_view json) {
-    return decodeObject<FirewallRule>(simdjson::padded_string(json), readFirewallRule);
-}
-
-Decoded<FirewallPackage> decodeFirewallPackage(std::string_view json) {
-    return decodeObject<FirewallPackage>(simdjson::padded_string(json), readFirewallPackage);
-}
-
-Decoded<std::vector<FirewallPackage>> decodeFirewallPackages(std::string_view json) {
-    return decodeArray<FirewallPackage>(simdjson::padded_string(json), readFirewallPackage);
+Decoded<std::vector<FirewallPackage>> decodeFirewallPackages(JSONInput json) {
+    return decodeArray<FirewallPackage>(json, readFirewallPackage);
 }
 
 }  // namespace tamsel::model

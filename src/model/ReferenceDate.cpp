@@ -26,7 +26,7 @@ platform::Date dateWithTimeIntervalSinceReferenceDate(double seconds) {
     if (std::isnan(seconds)) seconds = 0;
     seconds = std::fmax(-maxSeconds, std::fmin(maxSeconds, seconds));
     const double whole = std::floor(seconds);
-    const auto fraction = std::chrono::duration_cast<Ticks>(std::chrono::duration<double>(seconds - whole));
+    const auto fraction = std::chrono::round<Ticks>(std::chrono::duration<double>(seconds - whole));
     const auto sinceReference = std::chrono::seconds(static_cast<std::int64_t>(whole)) + fraction;
     return platform::Date(std::chrono::duration_cast<Ticks>(sinceReference + referenceOffset));
 }

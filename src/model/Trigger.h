@@ -19,15 +19,15 @@ namespace tamsel::model {
 // present empty list are different triggers, are written differently, and
 // compare unequal.
 struct Trigger {
-    std::string urlFilter;  // the url-filter regular expression
+    std::string urlFilter{};  // the url-filter regular expression
     // JSON input without the key decodes as true; this default only serves
     // code that builds triggers by hand and says nothing.
     bool caseSensitive = false;
-    std::optional<std::vector<ResourceType>> resourceTypes;
-    std::optional<std::vector<LoadType>> loadType;
+    std::optional<std::vector<ResourceType>> resourceTypes{};
+    std::optional<std::vector<LoadType>> loadType{};
     // A filter whose value list is empty is not written to JSON at all, so it
     // reads back as no filter.
-    std::optional<DomainFilter> domainFilter;
+    std::optional<DomainFilter> domainFilter{};
 
     bool operator==(const Trigger&) const = default;
 };
