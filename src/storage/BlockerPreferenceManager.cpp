@@ -1,13 +1,13 @@
 #include "storage/BlockerPreferenceManager.h"
 
 #include "platform/BuildConfig.h"
-#include "platform/DataRoot.h"
 #include "platform/InterProcessMutex.h"
 #include "platform/Log.h"
 #include "platform/Stores.h"
 #include "runtime/settings/Keys.h"
 #include "runtime/settings/NotificationNames.h"
 #include "storage/PackagePreferences.h"
+#include "storage/PathProvider.h"
 
 #include <algorithm>
 #include <fmt/format.h>
@@ -29,7 +29,7 @@ template <class F>
 void exclusively(F&& update) {
     static std::mutex threads;
     std::lock_guard threadLock(threads);
-    platform::InterProcessMutex processes(platform::DataRoot::groupContainer() / lockFileName);
+    platform::InterProcessMutex processes(PathProvider::sharedContainerURL() / lockFileName);
     std::lock_guard processLock(processes);
     update();
 }
