@@ -1,0 +1,246 @@
+#include "updates/ArchiveUnpacker.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <zip.h>
+
+#include <array>
+#include <cerrno>
+#include <memory>
+#include <system_error>
+
+namespace tamsel::updates {
+namespace {
+
+struct ZipCloser {
+    void operator()(zip_t* archive) const { zip_discard(archive); }
+};
+struct ZipFileCloser {
+    void operator()(zip_file_t* file) const { zip_fclose(file); }
+};
+
+std::string zipErrorText(int code) {
+    zip_error_t error;
+    zip_error_init_with_code(&error, code);
+    std::string text = zip_error_strerror(&error);
+    zip_error_fini(&error);
+    return text;
+}
+
+Error unzipError(std::string description) { return Error::make(ErrorCode::unzip, std::move(description)); }
+
+std::string errnoText(int error) { return std::generic_category().message(error); }
+
+// Removes the staging folder with whatever it holds when the unpack ends.
+class StagingFolder {
+public:
+    static std::expected<StagingFolder, Error> create(const std::filesystem::path& folder) {
+        std::error_code failure;
+        std::filesystem::create_directories(folder.parent_path(), failure);
+        if (failure) return std::unexpected(Error::make(ErrorCode::fileSystem, failure.message()));
+        std::string pattern = (folder.parent_path() / ("." + folder.filename().string() + ".unpacking-XXXXXX")).string();
+        if (::mkdtemp(pattern.data()) == nullptr) {
+            return std::unexpected(Error::make(ErrorCode::fileSystem, errnoText(errno)));
+        }
+        return StagingFolder(pattern);
+    }
+    StagingFolder(StagingFolder&& other) noexcept : path_(std::exchange(other.path_, {})) {}
+    StagingFolder& operator=(StagingFolder&&) = delete;
+    ~StagingFolder() {
+        if (path_.empty()) return;
+        std::error_code ignored;
+        std::filesystem::remove_all(path_, ignored);
+    }
+    const std::filesystem::path& path() const { return path_; }
+
+private:
+    explicit StagingFolder(std::filesystem::path path) : path_(std::move(path)) {}
+    std::filesystem::path path_;
+};
+
+struct Entry {
+    zip_uint64_t index = 0;
+    std::string name;
+    bool isDirectory = false;
+    zip_uint64_t declaredSize = 0;
+};
+
+// Refuses links and device files; only the Unix attributes say what an entry is.
+std::optional<Error> checkEntryKind(zip_t* archive, const Entry& entry) {
+    zip_uint8_t system = 0;
+    zip_uint32_t attributes = 0;
+    if (zip_file_get_external_attributes(archive, entry.index, 0, &system, &attributes) != 0) return std::nullopt;
+    if (system != ZIP_OPSYS_UNIX) return std::nullopt;
+    const mode_t mode = static_cast<mode_t>(attributes >> 16);
+    const mode_t kind = mode & S_IFMT;
+    if (kind == 0 || kind == S_IFREG || (kind == S_IFDIR && entry.isDirectory)) return std::nullopt;
+    return Error::make(ErrorCode::unsafeEntry,
+                       "The entry \"" + entry.name + "\" is " + (kind == S_IFLNK ? "a link" : "not a regular file"));
+}
+
+std::expected<std::vector<Entry>, Error> listEntries(zip_t* archive, const UnpackOptions& options) {
+    const zip_int64_t count = zip_get_num_entries(archive, 0);
+    if (count <= 0) return std::unexpected(unzipError("The archive holds no files"));
+    std::vector<Entry> entries;
+    zip_uint64_t declaredTotal = 0;
+    for (zip_uint64_t index = 0; index < static_cast<zip_uint64_t>(count); ++index) {
+        zip_stat_t stat;
+        zip_stat_init(&stat);
+        if (zip_stat_index(archive, index, 0, &stat) != 0 || !(stat.valid & ZIP_STAT_NAME)) {
+            return std::unexpected(unzipError(zip_strerror(archive)));
+        }
+        Entry entry{index, stat.name, false, (stat.valid & ZIP_STAT_SIZE) ? stat.size : 0};
+        if (!isSafeEntryName(entry.name)) {
+            return std::unexpected(
+                Error::make(ErrorCode::unsafeEntry, "The entry \"" + entry.name + "\" would land outside the folder"));
+        }
+        entry.isDirectory = entry.name.back() == '/';
+        if (auto refused = checkEntryKind(archive, entry)) return std::unexpected(std::move(*refused));
+        declaredTotal += entry.declaredSize;
+        if (entry.declaredSize > options.maximumTotalSize || declaredTotal > options.maximumTotalSize) {
+            return std::unexpected(Error::make(ErrorCode::archiveTooLarge,
+                                               "The archive unpacks to more than " +
+                                                   std::to_string(options.maximumTotalSize) + " bytes"));
+        }
+        entries.push_back(std::move(entry));
+    }
+    return entries;
+}
+
+class OutputFile {
+public:
+    explicit OutputFile(const std::filesystem::path& path)
+        : fd_(::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644)) {}
+    ~OutputFile() {
+        if (fd_ >= 0) ::close(fd_);
+    }
+    OutputFile(const OutputFile&) = delete;
+    OutputFile& operator=(const OutputFile&) = delete;
+
+    bool isOpen() const { return fd_ >= 0; }
+    bool write(const char* bytes, size_t size) {
+        while (size > 0) {
+            const ssize_t written = ::write(fd_, bytes, size);
+            if (written < 0) {
+                if (errno == EINTR) continue;
+                return false;
+            }
+            bytes += written;
+            size -= static_cast<size_t>(written);
+        }
+        return true;
+    }
+    // The files are read by other programs as soon as they are moved into
+    // place, so they must be on disk before the rename.
+    bool finish() {
+        const bool synced = ::fsync(fd_) == 0;
+        const bool closed = ::close(fd_) == 0;
+        fd_ = -1;
+        return synced && closed;
+    }
+
+private:
+    int fd_;
+};
+
+std::optional<Error> extractEntry(zip_t* archive, const Entry& entry, const std::filesystem::path& target,
+                                  zip_uint64_t& producedTotal, const UnpackOptions& options) {
+    std::unique_ptr<zip_file_t, ZipFileCloser> file(zip_fopen_index(archive, entry.index, 0));
+    if (!file) return unzipError(entry.name + ": " + zip_strerror(archive));
+
+    OutputFile output(target);
+    if (!output.isOpen()) return Error::make(ErrorCode::fileSystem, target.string() + ": " + errnoText(errno));
+
+    std::array<char, 64 * 1024> buffer;
+    zip_uint64_t produced = 0;
+    for (;;) {
+        const zip_int64_t read = zip_fread(file.get(), buffer.data(), buffer.size());
+        if (read < 0) return unzipError(entry.name + ": " + zip_file_strerror(file.get()));
+        if (read == 0) break;
+        produced += static_cast<zip_uint64_t>(read);
+        producedTotal += static_cast<zip_uint64_t>(read);
+        if (producedTotal > options.maximumTotalSize) {
+            return Error::make(ErrorCode::archiveTooLarge, "The archive unpacks to more than " +
+                                                               std::to_string(options.maximumTotalSize) + " bytes");
+        }
+        if (produced > entry.declaredSize) {
+            return unzipError(entry.name + ": the entry is larger than its declared size");
+        }
+        if (!output.write(buffer.data(), static_cast<size_t>(read))) {
+            return Error::make(ErrorCode::fileSystem, target.string() + ": " + errnoText(errno));
+        }
+    }
+    if (produced != entry.declaredSize) return unzipError(entry.name + ": the entry is shorter than its declared size");
+    if (!output.finish()) return Error::make(ErrorCode::fileSystem, target.string() + ": " + errnoText(errno));
+    return std::nullopt;
+}
+
+}  // namespace
+
+bool isSafeEntryName(std::string_view name) {
+    if (name.empty() || name.front() == '/' || name.find('\\') != std::string_view::npos ||
+        name.find('\0') != std::string_view::npos) {
+        return false;
+    }
+    // "C:foo" is a drive-relative path to a Windows unzipper.
+    if (name.size() >= 2 && name[1] == ':') return false;
+    if (name.back() == '/') name.remove_suffix(1);
+    while (true) {
+        const auto slash = name.find('/');
+        const std::string_view component = name.substr(0, slash);
+        if (component.empty() || component == "." || component == "..") return false;
+        if (slash == std::string_view::npos) return true;
+        name.remove_prefix(slash + 1);
+    }
+}
+
+std::expected<std::vector<std::filesystem::path>, Error> unpackArchive(const std::filesystem::path& archivePath,
+                                                                      const std::filesystem::path& folder,
+                                                                      const UnpackOptions& options) {
+    int openError = 0;
+    std::unique_ptr<zip_t, ZipCloser> archive(zip_open(archivePath.c_str(), ZIP_RDONLY | ZIP_CHECKCONS, &openError));
+    if (!archive) return std::unexpected(unzipError(zipErrorText(openError)));
+    if (!options.password.empty() && zip_set_default_password(archive.get(), options.password.c_str()) != 0) {
+        return std::unexpected(unzipError(zip_strerror(archive.get())));
+    }
+
+    auto entries = listEntries(archive.get(), options);
+    if (!entries) return std::unexpected(std::move(entries.error()));
+
+    auto staging = StagingFolder::create(folder);
+    if (!staging) return std::unexpected(std::move(staging.error()));
+
+    std::vector<std::filesystem::path> relativeFiles;
+    zip_uint64_t producedTotal = 0;
+    for (const Entry& entry : *entries) {
+        const std::filesystem::path relative(entry.name);
+        const std::filesystem::path target = staging->path() / relative;
+        std::error_code failure;
+        std::filesystem::create_directories(entry.isDirectory ? target : target.parent_path(), failure);
+        if (failure) return std::unexpected(Error::make(ErrorCode::fileSystem, failure.message()));
+        if (entry.isDirectory) continue;
+        if (auto error = extractEntry(archive.get(), entry, target, producedTotal, options)) {
+            return std::unexpected(std::move(*error));
+        }
+        relativeFiles.push_back(relative);
+    }
+    if (relativeFiles.empty()) return std::unexpected(unzipError("The archive holds no files"));
+
+    std::vector<std::filesystem::path> installed;
+    for (const auto& relative : relativeFiles) {
+        const std::filesystem::path staged = staging->path() / relative;
+        if (options.prepareFile) options.prepareFile(staged);
+        const std::filesystem::path target = folder / relative;
+        std::error_code failure;
+        std::filesystem::create_directories(target.parent_path(), failure);
+        if (!failure) std::filesystem::rename(staged, target, failure);
+        if (failure) {
+            return std::unexpected(Error::make(ErrorCode::fileSystem, target.string() + ": " + failure.message()));
+        }
+        installed.push_back(target);
+    }
+    return installed;
+}
+
+}  // namespace tamsel::updates

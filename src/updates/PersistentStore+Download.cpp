@@ -1,0 +1,198 @@
+// The rule archive's operations of the package-file layer (see RuleArchive.h
+// for why they live in this folder rather than in storage).
+#include <atomic>
+#include <mutex>
+#include <vector>
+
+#include "platform/DataRoot.h"
+#include "platform/DispatchQueue.h"
+#include "platform/Files.h"
+#include "platform/Log.h"
+#include "platform/Stores.h"
+#include "storage/FilterArchiveDownloading.h"
+#include "storage/PathProvider.h"
+#include "updates/ArchiveUnpacker.h"
+#include "updates/Downloader.h"
+#include "updates/RuleArchive.h"
+#include "updates/UpdateManager.h"
+#include "updates/UpdateSettings.h"
+
+namespace tamsel::updates {
+namespace {
+
+const platform::SystemLogger& logger() {
+    static const platform::SystemLogger instance("Download");
+    return instance;
+}
+
+std::atomic<bool> alreadyDownloaded{false};
+std::atomic<std::uint64_t> maximumSize{std::uint64_t{1} << 30};
+
+// "http://host/v4/data.zip?x#y" → "data.zip"
+std::string lastPathComponent(std::string_view url) {
+    url = url.substr(0, url.find_first_of("?#"));
+    if (const auto scheme = url.find("://"); scheme != std::string_view::npos) url.remove_prefix(scheme + 3);
+    while (url.ends_with('/')) url.remove_suffix(1);
+    const auto slash = url.rfind('/');
+    if (slash == std::string_view::npos) return "data.zip";  // a bare host: no path to name the file by
+    return std::string(url.substr(slash + 1));
+}
+
+bool answerIfAlreadyDownloaded(const std::string& url) {
+    if (!alreadyDownloaded.load()) return false;
+    logger().info("Already downloaded filters from %s", url.c_str());
+    return true;
+}
+
+void markExcludedAndHidden(const std::filesystem::path& file) {
+    if (auto marked = platform::setExcludedFromBackup(file, true); !marked) {
+        logger().error("Failed to set `isExcludedFromBackup` for `%s`. Error: %s", file.c_str(),
+                       marked.error().message().c_str());
+    }
+    if (auto marked = platform::setHidden(file, true); !marked) {
+        logger().error("Failed to set `isHidden` for `%s`. Error: %s", file.c_str(), marked.error().message().c_str());
+    }
+}
+
+void removeIgnoringErrors(const std::filesystem::path& file) {
+    std::error_code ignored;
+    std::filesystem::remove(file, ignored);
+}
+
+}  // namespace
+
+void RuleArchive::downloadZippedRules(const std::string& url, const std::string& identifier,
+                                      ProgressHandler progressHandler, Completion completionHandler) {
+    if (answerIfAlreadyDownloaded(url)) {
+        platform::DispatchQueue::main().async([completion = std::move(completionHandler)] {
+            if (completion) completion({});
+        });
+        return;
+    }
+
+    const std::filesystem::path folder = downloadDirectory();
+    std::error_code failure;
+    std::filesystem::create_directories(folder, failure);
+    if (failure) {
+        logger().error("Error creating directory: %s", failure.message().c_str());
+        if (completionHandler) completionHandler(std::unexpected(Error::make(ErrorCode::fileSystem, failure.message())));
+        return;
+    }
+    const std::filesystem::path destination = folder / lastPathComponent(url);
+
+    // This system counts as supporting background assets; Downloader decides
+    // whether this process may use them (only the host application, and only
+    // with a manager installed).
+    Downloader::download(
+        url, destination, identifier, std::move(progressHandler),
+        [destination, completion = std::move(completionHandler)](Downloader::DownloadResult result) {
+            std::expected<void, Error> outcome;
+            if (!result.isSuccess()) {
+                outcome = std::unexpected(
+                    result.error.value_or(Error::make(ErrorCode::transport, "The download failed")));
+            } else {
+                outcome = unzipDownloadedArchive(destination);
+                // The archive was only a carrier for the files just unpacked.
+                removeIgnoringErrors(destination);
+            }
+            alreadyDownloaded.store(outcome.has_value());
+            if (completion) completion(std::move(outcome));
+        });
+}
+
+bool RuleArchive::isDownloadedFiltersZipArchiveExistLocally() {
+    std::error_code ignored;
+    return std::filesystem::exists(storage::PathProvider::downloadedArchiveURL(), ignored);
+}
+
+std::expected<void, Error> RuleArchive::unzipArchiveAndCopyDownloadedFilters() {
+    const std::filesystem::path archive = storage::PathProvider::downloadedArchiveURL();
+    auto unpacked = unzipDownloadedArchive(archive);
+    if (unpacked) {
+        std::optional<std::string> version;
+        if (auto date = UpdateManager::downloadedFiltersDate()) {
+            version = UpdateManager::ruleVersionDateFormatter().string(*date);
+        }
+        logger().info("Will use filters from Background Extension: version \"%s\"",
+                      version ? version->c_str() : "nil");
+        std::optional<platform::Value> stored;
+        if (version) stored = platform::Value(*version);
+        platform::SharedDefaults::shared()->set(std::move(stored), UpdateSettings::localVersionKey);
+    } else {
+        logger().error("Failed to unzip data.zip from Background Extension: %s", unpacked.error().description.c_str());
+    }
+    removeIgnoringErrors(archive);
+    UpdateManager::setDownloadedFiltersDate(std::nullopt);
+    return unpacked;
+}
+
+std::expected<void, Error> RuleArchive::unzipDownloadedArchive(const std::filesystem::path& archive) {
+    logger().info("Unzipping downloaded ZIP file");
+    const std::filesystem::path filters = storage::PathProvider::filtersFolderURL();
+    UnpackOptions options{password, maximumUnpackedSize(), markExcludedAndHidden};
+    auto installed = unpackArchive(archive, filters, options);
+    if (!installed) {
+        logger().error("Error unzipping file: %s", installed.error().description.c_str());
+        return std::unexpected(std::move(installed.error()));
+    }
+    logger().info("Did unzip and copy filter files to %s", filters.c_str());
+    return {};
+}
+
+std::filesystem::path RuleArchive::downloadDirectory() {
+    return platform::DataRoot::extensionDirectory() / "tmp" / "cloud";
+}
+
+bool RuleArchive::isAlreadyDownloaded() { return alreadyDownloaded.load(); }
+
+void RuleArchive::resetAlreadyDownloaded() { alreadyDownloaded.store(false); }
+
+std::uint64_t RuleArchive::maximumUnpackedSize() { return maximumSize.load(); }
+
+void RuleArchive::setMaximumUnpackedSize(std::uint64_t bytes) { maximumSize.store(bytes); }
+
+// MARK: - The package reader's downloader
+
+namespace {
+
+// Joins the requests that arrive while a download runs into that download.
+class ArchiveDownloader : public storage::FilterArchiveDownloading {
+public:
+    void downloadZippedRules(std::string identifier, std::function<void(bool downloaded)> completion) override {
+        const std::string url = UpdateSettings::url(UpdateSettings::filterServerBaseURL(), UpdateSettings::archivePath);
+        // Answered here rather than through the main queue, which a reading
+        // command may not be driving.
+        if (answerIfAlreadyDownloaded(url)) {
+            if (completion) completion(true);
+            return;
+        }
+        {
+            std::lock_guard lock(mutex_);
+            waiting_.push_back(std::move(completion));
+            if (waiting_.size() > 1) return;
+        }
+        RuleArchive::downloadZippedRules(url, identifier, {}, [this](std::expected<void, Error> result) {
+            std::vector<std::function<void(bool)>> completions;
+            {
+                std::lock_guard lock(mutex_);
+                completions.swap(waiting_);
+            }
+            for (auto& completion : completions) {
+                if (completion) completion(result.has_value());
+            }
+        });
+    }
+
+private:
+    std::mutex mutex_;
+    std::vector<std::function<void(bool)>> waiting_;
+};
+
+}  // namespace
+
+void installArchiveDownloader() {
+    static const auto downloader = std::make_shared<ArchiveDownloader>();
+    storage::FilterArchiveDownloading::setShared(downloader);
+}
+
+}  // namespace tamsel::updates

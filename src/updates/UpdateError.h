@@ -1,0 +1,68 @@
+#pragma once
+
+#include <array>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "model/RawRepresentable.h"
+#include "storage/ReloadingResult.h"
+
+// Why fetching, unpacking or installing a rule archive failed. One value type
+// travels through every layer of the update (downloader, unpack step, manifest
+// reader, update manager), so a caller can always tell a network failure from
+// an unsafe archive without parsing texts.
+namespace tamsel::updates {
+
+enum class ErrorCode {
+    // No usable reply: refused, reset, timed out, malformed URL.
+    transport,
+    // The server answered with an HTTP status of 400 or more.
+    httpStatus,
+    // A folder or file of ours could not be created, written or moved.
+    fileSystem,
+    // The background-assets download manager refused or failed.
+    backgroundAssets,
+    // The archive could not be read: wrong password, truncated, corrupt.
+    unzip,
+    // An entry would land outside the filters folder, or is a link.
+    unsafeEntry,
+    // The archive unpacks to more than the allowed total.
+    archiveTooLarge,
+    // The manifest is not a property list with "id", "date" and "size".
+    manifestParsing,
+    // The archive's HEAD reply carried no header fields (no reply at all).
+    headerFieldsNotFound,
+    // The archive's HEAD reply has no usable "Last-Modified".
+    cloudVersionNotFound,
+    // An install was to start but no server version was known.
+    cachedCloudVersionNotAvailable,
+    // Rebuilding or reloading the extensions after the install failed.
+    reload,
+};
+
+struct Error {
+    ErrorCode code = ErrorCode::transport;
+    // For logs and the command line; says what failed and, where known, why.
+    std::string description;
+    // The server's status, for httpStatus.
+    std::optional<long> httpStatus;
+    // The extension manager's error, for reload.
+    std::optional<storage::ReloadingError> reloadingError;
+
+    static Error make(ErrorCode code, std::string description) { return {code, std::move(description), {}, {}}; }
+
+    friend bool operator==(const Error&, const Error&) = default;
+};
+
+}  // namespace tamsel::updates
+
+namespace tamsel::model {
+template <>
+struct RawValueTable<updates::ErrorCode> {
+    static constexpr std::array<std::string_view, 12> rawValues{
+        "transport",       "httpStatus",           "fileSystem",         "backgroundAssets",
+        "unzip",           "unsafeEntry",          "archiveTooLarge",    "manifestParsing",
+        "headerFieldsNotFound", "cloudVersionNotFound", "cachedCloudVersionNotAvailable", "reload"};
+};
+}  // namespace tamsel::model
