@@ -215,6 +215,7 @@ struct CoreDataStore::Impl {
           writer(std::string(build::baseIdentifier) + ".core-data-store.writer") {}
 
     ~Impl() {
+        writer.sync([] {});
         std::lock_guard lock(databaseMutex);
         closeLocked();
     }
@@ -285,8 +286,10 @@ struct CoreDataStore::Impl {
         struct stat info {};
         if (::stat(url.c_str(), &info) == 0) openedFile = {info.st_dev, info.st_ino};
 
-        auto failure = execLocked("PRAGMA journal_mode=WAL; PRAGMA synchronous=NORMAL;");
-        if (!failure) failure = prepareSchemaLocked();
+        // The schema is checked before anything is written, so that a file of
+        // some other program is moved aside exactly as it was found.
+        auto failure = prepareSchemaLocked();
+        if (!failure) failure = execLocked("PRAGMA journal_mode=WAL; PRAGMA synchronous=NORMAL;");
         if (!failure) failure = probeLocked();
         if (failure) closeLocked();
         return failure;
