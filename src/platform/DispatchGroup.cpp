@@ -22,8 +22,9 @@ struct DispatchGroup::State {
             if (count == 0) fatalError("DispatchGroup: leave() called more often than enter()");
             if (--count > 0) return;
             due.swap(notifications);
+            // Under the lock: a woken waiter may destroy the group at once.
+            reachedZero.notify_all();
         }
-        reachedZero.notify_all();
         for (auto& [queue, block] : due) queue.async(std::move(block));
     }
 };

@@ -76,8 +76,9 @@ void Operation::settle() {
         finished = std::move(impl_->finished);
         impl_->finished = nullptr;
         impl_->readinessChanged = nullptr;
+        // Under the lock: a woken waiter may drop the operation at once.
+        impl_->settledChanged.notify_all();
     }
-    impl_->settledChanged.notify_all();
     if (finished) finished();
     for (const auto& weak : dependants) {
         if (auto dependant = weak.lock()) dependant->notifyReadinessChanged();

@@ -29,11 +29,10 @@ inline bool eventually(const std::function<bool()>& predicate, std::chrono::mill
 // A one-way door: waiters block until someone opens it.
 class Gate {
 public:
+    // Notifies under the lock: a released waiter may destroy the gate at once.
     void open() {
-        {
-            std::lock_guard lock(mutex_);
-            open_ = true;
-        }
+        std::lock_guard lock(mutex_);
+        open_ = true;
         changed_.notify_all();
     }
     bool wait(std::chrono::milliseconds timeout = kPatience) {

@@ -196,7 +196,7 @@ TEST(AsyncAfter, SubmitsBlocksInDeadlineOrder) {
         };
     };
     group.enter();
-    queue.asyncAfter(40ms, record("late"));
+    queue.asyncAfter(250ms, record("late"));
     group.enter();
     queue.asyncAfter(0ms, record("first"));
     group.enter();

@@ -53,36 +53,52 @@ TEST(Synchronized, ConcurrentWritersLoseNoUpdate) {
     for (int t = 0; t < kThreads; ++t) EXPECT_EQ(result.at(t), kWrites);
 }
 
-TEST(Synchronized, ReadsRunInParallelAndWritesRunAlone) {
+TEST(Synchronized, ReadsRunInParallel) {
     Synchronized<int> value("test.readers", 0);
-    std::atomic<int> readersInside{0};
-    std::atomic<int> writesThatSawReaders{0};
     Rendezvous bothReading(2);
     std::atomic<int> met{0};
-
     std::vector<std::thread> readers;
     for (int r = 0; r < 2; ++r) {
         readers.emplace_back([&] {
             value.read([&](const int&) {
-                ++readersInside;
                 if (bothReading.arrive()) ++met;
-                --readersInside;
                 return 0;
             });
         });
     }
-    std::thread writer([&] {
-        for (int i = 0; i < 50; ++i) {
-            value.write([&](int& v) {
-                if (readersInside.load() != 0) ++writesThatSawReaders;
-                ++v;
-            });
-        }
-    });
     for (auto& reader : readers) reader.join();
-    writer.join();
     EXPECT_EQ(met.load(), 2);
-    EXPECT_EQ(value.value(), 50);
+}
+
+TEST(Synchronized, WritesRunAloneWhileReadersKeepReading) {
+    Synchronized<int> value("test.exclusive", 0);
+    std::atomic<int> readersInside{0};
+    std::atomic<int> writesThatSawReaders{0};
+    std::atomic<bool> stop{false};
+    std::vector<std::thread> readers;
+    for (int r = 0; r < 3; ++r) {
+        readers.emplace_back([&] {
+            while (!stop) {
+                value.read([&](const int& v) {
+                    ++readersInside;
+                    std::this_thread::yield();
+                    --readersInside;
+                    return v;
+                });
+            }
+        });
+    }
+    for (int i = 0; i < 100; ++i) {
+        value.write([&](int& v) {
+            if (readersInside.load() != 0) ++writesThatSawReaders;
+            std::this_thread::yield();
+            if (readersInside.load() != 0) ++writesThatSawReaders;
+            ++v;
+        });
+    }
+    EXPECT_EQ(value.value(), 100);
+    stop = true;
+    for (auto& reader : readers) reader.join();
     EXPECT_EQ(writesThatSawReaders.load(), 0);
 }
 
