@@ -1,0 +1,312 @@
+// tamsel packages [--json]              every package, with its disabled state
+// tamsel enable PACKAGE_ID              switch a package on
+// tamsel disable PACKAGE_ID             switch a package off
+// tamsel export PACKAGE_ID [--to PATH]  write one package for sharing
+// tamsel import FILE                    add a shared file's packages as custom packages
+#include <rapidjson/stringbuffer.h>
+#include <rapidjson/writer.h>
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "control/DataManager.h"
+#include "host/Command.h"
+#include "host/ConsoleRouting.h"
+#include "host/InputFile.h"
+#include "model/JSONCoding.h"
+#include "platform/MainRunLoop.h"
+#include "storage/ExtensionReloading.h"
+#include "storage/PackagePreferences.h"
+#include "storage/PersistentStore.h"
+
+namespace tamsel::host {
+namespace {
+
+using control::DataManager;
+using model::Package;
+
+void printLine(const std::string& text) {
+    std::fwrite(text.data(), 1, text.size(), stdout);
+    std::fputc('\n', stdout);
+}
+
+void writeString(rapidjson::Writer<rapidjson::StringBuffer>& writer, std::string_view text) {
+    writer.String(text.data(), static_cast<rapidjson::SizeType>(text.size()));
+}
+
+// Loads every package file into the process's data manager.
+DataManager& loadedDataManager() {
+    DataManager& manager = DataManager::shared();
+    manager.loadAllPackages();
+    return manager;
+}
+
+std::optional<Package> findPackage(const DataManager& manager, const std::string& identifier) {
+    const auto all = manager.allPackages();
+    const auto found = std::find_if(all.begin(), all.end(), [&](const Package& p) { return p.id == identifier; });
+    if (found == all.end()) return std::nullopt;
+    return *found;
+}
+
+// Notes which extensions the command's changes have rebuilt, passing every
+// request on to the extension reloading in place before it.
+class RebuildRecording {
+public:
+    RebuildRecording()
+        : previous_(storage::ExtensionReloading::shared()),
+          recorder_(std::make_shared<storage::RecordingExtensionReloading>(previous_)) {
+        storage::ExtensionReloading::setShared(recorder_);
+    }
+    ~RebuildRecording() { storage::ExtensionReloading::setShared(previous_); }
+    RebuildRecording(const RebuildRecording&) = delete;
+    RebuildRecording& operator=(const RebuildRecording&) = delete;
+
+    std::vector<std::string> rebuilt() const {
+        std::vector<std::string> names;
+        for (auto type : recorder_->extensionsToRebuild()) names.emplace_back(model::rawValue(type));
+        return names;
+    }
+
+private:
+    std::shared_ptr<storage::ExtensionReloading> previous_;
+    std::shared_ptr<storage::RecordingExtensionReloading> recorder_;
+};
+
+// --- packages -------------------------------------------------------------------
+
+struct PackageRow {
+    std::string id;
+    std::string name;
+    std::string category;
+    std::string extensionType;
+    std::size_t rules = 0;
+    std::size_t enabledRules = 0;
+    std::size_t disabledRules = 0;
+    bool enabled = true;
+};
+
+std::vector<PackageRow> packageRows(const DataManager& manager) {
+    auto preferences = storage::BlockerPreferenceManager::create();
+    const storage::DisabledPackages disabledPackages = preferences->disabledPackages();
+    const storage::DisabledRules disabledRules = preferences->disabledRules();
+    std::vector<PackageRow> rows;
+    for (const Package& package : manager.allPackages()) {
+        const auto disabled = disabledPackages.find(package.id);
+        rows.push_back({package.id, package.name, std::string(model::rawValue(package.category())),
+                        std::string(model::rawValue(package.type())), package.rules.size(),
+                        storage::enabledRulesCount(package, disabledRules),
+                        storage::disabledRulesCount(package, disabledRules),
+                        disabled == disabledPackages.end() || !disabled->second});
+    }
+    return rows;
+}
+
+std::string rowsJSON(const std::vector<PackageRow>& rows) {
+    rapidjson::StringBuffer buffer;
+    rapidjson::Writer<rapidjson::StringBuffer> writer(buffer);
+    writer.StartArray();
+    for (const PackageRow& row : rows) {
+        writer.StartObject();
+        writer.Key("id");
+        writeString(writer, row.id);
+        writer.Key("name");
+        writeString(writer, row.name);
+        writer.Key("category");
+        writeString(writer, row.category);
+        writer.Key("extensionType");
+        writeString(writer, row.extensionType);
+        writer.Key("rules");
+        writer.Uint64(row.rules);
+        writer.Key("enabledRules");
+        writer.Uint64(row.enabledRules);
+        writer.Key("disabledRules");
+        writer.Uint64(row.disabledRules);
+        writer.Key("enabled");
+        writer.Bool(row.enabled);
+        writer.EndObject();
+    }
+    writer.EndArray();
+    return buffer.GetString();
+}
+
+int runPackages(const GlobalOptions& global) {
+    // Reading files and preferences logs on the console; standard output is data.
+    ConsoleToStandardError console(global.verbose);
+    const auto rows = packageRows(loadedDataManager());
+    if (global.json) {
+        printLine(rowsJSON(rows));
+        return exitSuccess;
+    }
+    constexpr auto rowFormat = "{:<40} {:<13} {:<19} {:>6} {:>7} {:>8}  {:<8}  {}";
+    printLine(fmt::format(rowFormat, "ID", "CATEGORY", "EXTENSION", "RULES", "ENABLED", "DISABLED", "STATE", "NAME"));
+    for (const PackageRow& row : rows) {
+        printLine(fmt::format(rowFormat, row.id, row.category, row.extensionType, row.rules, row.enabledRules,
+                              row.disabledRules, row.enabled ? "enabled" : "disabled", row.name));
+    }
+    return exitSuccess;
+}
+
+// --- enable / disable ---------------------------------------------------------------
+
+int runSwitch(const std::string& identifier, bool disable, const GlobalOptions& global) {
+    ConsoleToStandardError console(global.verbose);
+    DataManager& manager = loadedDataManager();
+    const auto package = findPackage(manager, identifier);
+    if (!package) return reportFailure("no package with identifier " + identifier);
+
+    RebuildRecording rebuilds;
+    auto preferences = manager.preferenceManager();
+    preferences->savePreferenceWithReload({*package}, disable);
+    preferences->waitForPendingWrites();
+    platform::MainRunLoop::drain();
+
+    const auto rebuilt = rebuilds.rebuilt();
+    if (global.json) {
+        rapidjson::StringBuffer buffer;
+        rapidjson::Writer<rapidjson::StringBuffer> writer(buffer);
+        writer.StartObject();
+        writer.Key("id");
+        writeString(writer, identifier);
+        writer.Key("enabled");
+        writer.Bool(!disable);
+        writer.Key("rebuild");
+        writer.StartArray();
+        for (const auto& name : rebuilt) writeString(writer, name);
+        writer.EndArray();
+        writer.EndObject();
+        printLine(buffer.GetString());
+    } else {
+        printLine(fmt::format("{}: {}", identifier, disable ? "disabled" : "enabled"));
+        printLine(fmt::format("rebuild: {}", fmt::join(rebuilt, " ")));
+    }
+    return exitSuccess;
+}
+
+// --- export -------------------------------------------------------------------------------
+
+int runExport(const std::string& identifier, const std::optional<std::string>& to, const GlobalOptions& global) {
+    ConsoleToStandardError console(global.verbose);
+    const auto package = findPackage(loadedDataManager(), identifier);
+    if (!package) return reportFailure("no package with identifier " + identifier);
+    const std::filesystem::path path = to ? std::filesystem::path(*to) : storage::PersistentStore::sharedPackagesPath();
+    if (auto written = storage::PersistentStore::writeForSharing(*package, path); !written) {
+        return reportFailure("can't export " + identifier + ": " + written.error().description());
+    }
+    printLine(path.string());
+    return exitSuccess;
+}
+
+// --- import -------------------------------------------------------------------------------
+
+bool isWhitelistRule(const model::Rule& rule) {
+    return rule.blocker.action.type == model::ActionType::ignorePreviousRules;
+}
+
+int runImport(const std::string& file, const GlobalOptions& global) {
+    auto bytes = loadInputFile(file);
+    if (!bytes) return reportFailure(file + ": " + bytes.error());
+    std::optional<model::Decoded<model::PackageFile>> decoded;
+    DataManager* loaded = nullptr;
+    {
+        // Decoding names its errors on the console; the reason is reported below.
+        ConsoleToStandardError console(global.verbose);
+        decoded = model::decodePackageFile(*bytes);
+        if (*decoded) loaded = &loadedDataManager();
+    }
+    if (!*decoded) return reportFailure(file + ": " + decoded->error().description);
+
+    DataManager& manager = *loaded;
+    const auto configurable = manager.configurablePackages();
+    bool refused = false;
+    bool whitelistChanged = false;
+    std::size_t imported = 0;
+    for (const Package& package : (*decoded)->packages) {
+        const bool isConfigurable = std::any_of(configurable.begin(), configurable.end(),
+                                                [&](const Package& held) { return held.id == package.id; });
+        const auto custom = manager.customPackages();
+        const bool existed = std::any_of(custom.begin(), custom.end(),
+                                         [&](const Package& held) { return held.id == package.id; });
+        // The data manager itself refuses (and says so) a configurable identifier.
+        manager.addOrReplaceCustomPackage(package);
+        if (isConfigurable) {
+            refused = true;
+            reportFailure("not imported: " + package.id + " is the identifier of a configurable package");
+            continue;
+        }
+        // A package of the same identifier keeps its rules; the shared rules
+        // join them, replacing those with the same identifier.
+        if (existed) {
+            for (const model::Rule& rule : package.rules) manager.setRule(rule, package.id);
+        }
+        whitelistChanged = whitelistChanged || std::any_of(package.rules.begin(), package.rules.end(), isWhitelistRule);
+        ++imported;
+    }
+    if (imported == 0) return refused ? exitFailure : reportFailure(file + ": holds no packages");
+
+    RebuildRecording rebuilds;
+    std::optional<std::optional<DataManager::SaveError>> outcome;
+    manager.savePackages({model::JSONFileName::blockCustom}, whitelistChanged,
+                         [&outcome](std::optional<DataManager::SaveError> error) { outcome = error; });
+    if (!platform::MainRunLoop::runUntil([&] { return outcome.has_value(); }, std::chrono::minutes(5))) {
+        return reportFailure("the custom extension was not rebuilt in time");
+    }
+    if (*outcome) {
+        const auto& error = **outcome;
+        if (std::holds_alternative<control::PersistingError>(error)) return reportFailure("nothing to save");
+        return reportFailure("rebuilding failed: " + std::get<storage::ReloadingError>(error).description());
+    }
+    printLine(fmt::format("imported {} package{} into {}", imported, imported == 1 ? "" : "s",
+                          model::fileName(model::JSONFileName::blockCustom)));
+    printLine(fmt::format("rebuild: {}", fmt::join(rebuilds.rebuilt(), " ")));
+    return refused ? exitFailure : exitSuccess;
+}
+
+// --- registration ---------------------------------------------------------------------------
+
+void addPackagesCommands(CommandLine& commandLine) {
+    CLI::App& app = commandLine.app();
+
+    CLI::App* packages = app.add_subcommand(
+        "packages", "List every package: identifier, category, extension, rule counts, enabled or disabled");
+    commandLine.setAction(packages, [&commandLine] { return runPackages(commandLine.options()); });
+
+    for (const bool disable : {false, true}) {
+        auto identifier = std::make_shared<std::string>();
+        CLI::App* command = app.add_subcommand(disable ? "disable" : "enable",
+                                               disable ? "Switch a package off and rebuild its extensions"
+                                                       : "Switch a package on and rebuild its extensions");
+        command->add_option("PACKAGE_ID", *identifier, "The package's identifier")->required();
+        commandLine.setAction(command, [identifier, disable, &commandLine] {
+            return runSwitch(*identifier, disable, commandLine.options());
+        });
+    }
+
+    struct ExportOptions {
+        std::string identifier;
+        std::optional<std::string> to;
+    };
+    auto exportOptions = std::make_shared<ExportOptions>();
+    CLI::App* exportCommand = app.add_subcommand("export", "Write one package to a file for sharing");
+    exportCommand->add_option("PACKAGE_ID", exportOptions->identifier, "The package's identifier")->required();
+    exportCommand->add_option("--to", exportOptions->to, "Where to write (default: Documents/Rules.tmsl)");
+    commandLine.setAction(exportCommand, [exportOptions, &commandLine] {
+        return runExport(exportOptions->identifier, exportOptions->to, commandLine.options());
+    });
+
+    auto importFile = std::make_shared<std::string>();
+    CLI::App* importCommand = app.add_subcommand("import", "Add the packages of a shared file as custom packages");
+    importCommand->add_option("FILE", *importFile, "A shared package file")->required();
+    commandLine.setAction(importCommand, [importFile, &commandLine] { return runImport(*importFile, commandLine.options()); });
+}
+
+const CommandRegistration registration{"packages", addPackagesCommands};
+
+}  // namespace
+}  // namespace tamsel::host

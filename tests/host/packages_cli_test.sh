@@ -1,0 +1,231 @@
+#!/usr/bin/env bash
+# End-to-end checks of `tamsel packages`, `enable`, `disable`, `export` and
+# `import` on the sample package files under a temporary data root.
+#
+#   bash tests/host/packages_cli_test.sh <path-to-tamsel> <source-dir>
+set -u
+
+if [ $# -ne 2 ]; then
+    echo "usage: $0 <path-to-tamsel> <source-dir>" >&2
+    exit 2
+fi
+TAMSEL=$1
+SOURCE=$2
+WORK=$(mktemp -d "${TMPDIR:-/tmp}/tamsel-packages-XXXXXX")
+trap 'rm -rf "$WORK"' EXIT
+DATA=$WORK/home
+FILTERS="$DATA/group/Library/Application Support/Filters"
+CUSTOM_ID=7B6A5C4D-3E2F-4A1B-9C8D-7E6F5A4B3C2D
+
+passed=0
+failed=0
+current=""
+problems=""
+
+# A fresh data root whose filters folder holds the sample package files.
+fresh_home() {
+    rm -rf "$DATA"
+    mkdir -p "$FILTERS"
+    cp "$SOURCE"/resources/packages/*.json "$FILTERS/"
+}
+
+# tamsel ARGS...: leaves the exit status in $status, standard output in
+# $WORK/out and standard error in $WORK/err.
+tamsel() {
+    "$TAMSEL" --home "$DATA" "$@" >"$WORK/out" 2>"$WORK/err"
+    status=$?
+}
+
+begin() {
+    current=$1
+    problems=""
+}
+problem() { problems="$problems
+    $1"; }
+finish() {
+    if [ -z "$problems" ]; then
+        passed=$((passed + 1))
+    else
+        failed=$((failed + 1))
+        echo "FAILED: $current$problems"
+        echo "    --- stdout:"; sed 's/^/    | /' "$WORK/out" | head -20
+        echo "    --- stderr:"; sed 's/^/    | /' "$WORK/err" | head -20
+    fi
+}
+
+expect_status() { [ "$status" -eq "$1" ] || problem "exit status $status, expected $1"; }
+expect_stdout_empty() { [ ! -s "$WORK/out" ] || problem "stdout was not empty"; }
+expect_stdout_lines() {
+    local count
+    count=$(wc -l <"$WORK/out")
+    [ "$count" -eq "$1" ] || problem "stdout had $count lines, expected $1"
+}
+expect_stdout_contains() { grep -qF -- "$1" "$WORK/out" || problem "stdout lacks '$1'"; }
+expect_stdout_lacks() { ! grep -qF -- "$1" "$WORK/out" || problem "stdout has '$1'"; }
+expect_stderr_contains() { grep -qF -- "$1" "$WORK/err" || problem "stderr lacks '$1'"; }
+# The row of one package in `tamsel packages`: "<id> ... <state> <name>".
+expect_row_state() {
+    grep -qE -- "^$1 .* $2  " "$WORK/out" || problem "package $1 is not listed as $2"
+}
+
+# ---------------------------------------------------------------- packages
+
+fresh_home
+begin "packages lists every package of the files, all enabled at first"
+tamsel packages
+expect_status 0
+expect_stdout_lines 15
+expect_stdout_contains "ID "
+expect_row_state block-ads enabled
+expect_row_state block-german enabled
+expect_row_state whitelist enabled
+expect_row_state "$CUSTOM_ID" enabled
+grep -qE '^block-german +international +block-international +3 +3 +0  enabled' "$WORK/out" ||
+    problem "block-german's row lacks its category, extension or counts"
+finish
+
+begin "packages --json describes each package on one line"
+tamsel --json packages
+expect_status 0
+expect_stdout_lines 1
+expect_stdout_contains '{"id":"block-ads","name":"Ads","category":"general","extensionType":"block-ads","rules":8,"enabledRules":8,"disabledRules":0,"enabled":true}'
+expect_stdout_contains '"id":"make-https","name":"Make HTTPS-only","category":"custom","extensionType":"block-custom"'
+finish
+
+begin "packages counts the disabled rules of a package"
+"$TAMSEL" --home "$DATA" defaults write --store ubiquitous DisabledRuleIDs -json \
+    '{"block-german": {"'"$(grep -o '"id": *"[^"]*"' "$FILTERS/block-international.json" | sed -n 2p | sed 's/.*: *"\(.*\)"/\1/')"'": true}}'
+tamsel --json packages
+expect_stdout_contains '"id":"block-german","name":"German Ads","category":"international","extensionType":"block-international","rules":3,"enabledRules":2,"disabledRules":1,"enabled":true}'
+finish
+
+# ---------------------------------------------------------------- enable / disable
+
+fresh_home
+begin "disable block-ads stores the switch in the cloud store and rebuilds only the ads extension"
+tamsel disable block-ads
+expect_status 0
+expect_stdout_contains "block-ads: disabled"
+expect_stdout_contains "rebuild: block-ads"
+expect_stdout_lines 2
+tamsel defaults read --store ubiquitous DisabledPackageIDs
+expect_stdout_contains '{"block-ads":true}'
+tamsel packages
+expect_row_state block-ads disabled
+expect_row_state block-trackers enabled
+finish
+
+begin "enable stores an explicit false"
+tamsel enable block-ads
+expect_status 0
+expect_stdout_contains "block-ads: enabled"
+tamsel defaults read --store ubiquitous DisabledPackageIDs
+expect_stdout_contains '{"block-ads":false}'
+finish
+
+begin "disabling the whitelist package rebuilds every extension"
+tamsel --json disable whitelist
+expect_status 0
+expect_stdout_contains '{"id":"whitelist","enabled":false,"rebuild":["block-ads","block-trackers","block-annoyances","block-social","block-comments","block-adult","block-international","block-custom"]}'
+finish
+
+begin "an unknown package is a reported failure"
+tamsel enable no-such-package
+expect_status 1
+expect_stdout_empty
+expect_stderr_contains "tamsel: no package with identifier no-such-package"
+finish
+
+begin "with StorePreferencesLocally the shared defaults hold the switches"
+fresh_home
+"$TAMSEL" --home "$DATA" defaults write StorePreferencesLocally -bool true
+tamsel disable block-social
+expect_status 0
+tamsel defaults read DisabledPackageIDs
+expect_stdout_contains '{"block-social":true}'
+tamsel defaults read --store ubiquitous DisabledPackageIDs
+expect_status 1
+finish
+
+begin "the older array layout is moved on the first read"
+fresh_home
+"$TAMSEL" --home "$DATA" defaults write --store ubiquitous DisabledUserPreferenceForPackages -json '["block-comments"]'
+tamsel packages
+expect_row_state block-comments disabled
+tamsel defaults read --store ubiquitous DisabledUserPreferenceForPackages
+expect_status 1
+tamsel defaults read DidMigrateDisabledPackageIDsFromOldArrayOnce
+expect_stdout_contains 1
+finish
+
+begin "programs switching packages at the same time keep every switch"
+fresh_home
+pids=""
+for id in block-ads block-trackers block-annoyances block-social block-comments block-adult; do
+    "$TAMSEL" --home "$DATA" disable "$id" >/dev/null 2>&1 &
+    pids="$pids $!"
+done
+for pid in $pids; do wait "$pid" || problem "a disable run failed"; done
+tamsel packages
+for id in block-ads block-trackers block-annoyances block-social block-comments block-adult; do
+    expect_row_state "$id" disabled
+done
+expect_row_state block-german enabled
+finish
+
+# ---------------------------------------------------------------- export / import
+
+fresh_home
+begin "export writes the package to Documents/Rules.tmsl by default"
+tamsel export block-german
+expect_status 0
+expect_stdout_contains "$DATA/Documents/Rules.tmsl"
+[ -s "$DATA/Documents/Rules.tmsl" ] || problem "no shared file"
+tamsel rules check "$DATA/Documents/Rules.tmsl"
+expect_stdout_contains ": 1 packages, 3 rules"
+finish
+
+begin "export --to writes where it is told; an unknown package fails"
+tamsel export "$CUSTOM_ID" --to "$WORK/mine.tmsl"
+expect_status 0
+grep -qF "\"$CUSTOM_ID\"" "$WORK/mine.tmsl" || problem "the exported file lacks the package"
+tamsel export nothing-like-it --to "$WORK/none.tmsl"
+expect_status 1
+[ ! -e "$WORK/none.tmsl" ] || problem "a file was written for an unknown package"
+finish
+
+begin "import adds a shared package as a custom package and saves the custom file"
+sed "s/$CUSTOM_ID/shared-list/; s/My Reading List Rules/Shared List/" "$WORK/mine.tmsl" >"$WORK/shared.tmsl"
+tamsel import "$WORK/shared.tmsl"
+expect_status 0
+expect_stdout_contains "imported 1 package into block-custom.json"
+expect_stdout_contains "rebuild: block-custom"
+grep -qF '"shared-list"' "$FILTERS/block-custom.json" || problem "block-custom.json lacks the imported package"
+grep -qF "\"$CUSTOM_ID\"" "$FILTERS/block-custom.json" || problem "block-custom.json lost the existing package"
+tamsel packages
+expect_row_state shared-list enabled
+finish
+
+begin "import refuses a configurable identifier"
+tamsel export whitelist --to "$WORK/whitelist.tmsl"
+cp "$FILTERS/block-custom.json" "$WORK/custom-before.json"
+tamsel import "$WORK/whitelist.tmsl"
+expect_status 1
+expect_stdout_contains "There's already a configurable package with ID whitelist"
+expect_stderr_contains "tamsel: not imported: whitelist is the identifier of a configurable package"
+cmp -s "$FILTERS/block-custom.json" "$WORK/custom-before.json" || problem "the custom file changed"
+finish
+
+begin "import of a broken or missing file fails with the reason"
+printf '[{"id": "x", "name": ' >"$WORK/broken.tmsl"
+tamsel import "$WORK/broken.tmsl"
+expect_status 1
+expect_stdout_empty
+expect_stderr_contains "tamsel: $WORK/broken.tmsl: "
+tamsel import "$WORK/missing.tmsl"
+expect_status 1
+expect_stderr_contains "tamsel: $WORK/missing.tmsl: no such file"
+finish
+
+echo "$passed passed, $failed failed"
+[ "$failed" -eq 0 ]
