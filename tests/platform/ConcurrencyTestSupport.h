@@ -4,6 +4,7 @@
 // bound, so a fault shows up as a failed expectation instead of a hung test,
 // and nothing depends on how fast a loaded machine is.
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <functional>
@@ -65,6 +66,19 @@ private:
     std::mutex mutex_;
     std::condition_variable changed_;
     int remaining_;
+};
+
+// Counts how many pieces of work run at once, and the most there ever were.
+struct Overlap {
+    std::atomic<int> active{0};
+    std::atomic<int> peak{0};
+    void enter() {
+        const int now = ++active;
+        int seen = peak.load();
+        while (now > seen && !peak.compare_exchange_weak(seen, now)) {
+        }
+    }
+    void leave() { --active; }
 };
 
 }  // namespace tamsel::platform::testing

@@ -20,21 +20,9 @@ namespace {
 using namespace std::chrono_literals;
 using testing::eventually;
 using testing::Gate;
+using testing::Overlap;
 using testing::Rendezvous;
 using ::testing::ElementsAre;
-
-// Tracks how many blocks run at once.
-struct Overlap {
-    std::atomic<int> active{0};
-    std::atomic<int> peak{0};
-    void enter() {
-        const int now = ++active;
-        int seen = peak.load();
-        while (now > seen && !peak.compare_exchange_weak(seen, now)) {
-        }
-    }
-    void leave() { --active; }
-};
 
 TEST(SerialQueue, RunsBlocksOneAtATimeInSubmissionOrder) {
     DispatchQueue queue("test.serial");

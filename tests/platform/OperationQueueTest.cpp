@@ -50,20 +50,16 @@ public:
 TEST(OperationQueue, NeverRunsMoreThanTheMaximumAtOnce) {
     OperationQueue queue("test.limited");
     queue.setMaxConcurrentOperationCount(2);
-    std::atomic<int> active{0};
-    std::atomic<int> peak{0};
+    testing::Overlap overlap;
     for (int i = 0; i < 16; ++i) {
         queue.addOperation([&] {
-            const int now = ++active;
-            int seen = peak.load();
-            while (now > seen && !peak.compare_exchange_weak(seen, now)) {
-            }
+            overlap.enter();
             std::this_thread::sleep_for(std::chrono::milliseconds(1));
-            --active;
+            overlap.leave();
         });
     }
     queue.waitUntilAllOperationsAreFinished();
-    EXPECT_LE(peak.load(), 2);
+    EXPECT_LE(overlap.peak.load(), 2);
     EXPECT_EQ(queue.operationCount(), 0u);
 }
 
