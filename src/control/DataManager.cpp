@@ -228,11 +228,29 @@ void DataManager::deleteRule(const Rule& rule, const Package& inPackage, SaveCom
 
 void DataManager::savePackages(const std::vector<JSONFileName>& files, bool didChangeWhitelist,
                                SaveCompletion completion) {
-    const Lists lists = [this] {
+    // What each requested file will hold, copied under the lock: a list file
+    // its list, a general file its one package (absent when not in memory).
+    using Contents = std::variant<std::vector<Package>, std::optional<Package>>;
+    std::vector<std::pair<JSONFileName, Contents>> toWrite;
+    bool modelIsEmpty = false;
+    {
         std::lock_guard lock(mutex_);
-        return lists_;
-    }();
-    if (lists.general.empty() && lists.international.empty() && lists.configurable.empty() && lists.custom.empty()) {
+        modelIsEmpty = lists_.general.empty() && lists_.international.empty() && lists_.configurable.empty() &&
+                       lists_.custom.empty();
+        for (const JSONFileName file : modelIsEmpty ? std::vector<JSONFileName>{} : files) {
+            switch (file) {
+                case JSONFileName::blockInternational: toWrite.emplace_back(file, lists_.international); break;
+                case JSONFileName::blockConfigurable: toWrite.emplace_back(file, lists_.configurable); break;
+                case JSONFileName::blockCustom: toWrite.emplace_back(file, lists_.custom); break;
+                default: {
+                    const auto general = findPackage(lists_.general, std::string(model::rawValue(file)));
+                    toWrite.emplace_back(file, general == lists_.general.end() ? std::optional<Package>()
+                                                                               : std::optional(*general));
+                }
+            }
+        }
+    }
+    if (modelIsEmpty) {
         if (completion) completion(PersistingError::allPackagesEmpty);
         return;
     }
@@ -242,27 +260,15 @@ void DataManager::savePackages(const std::vector<JSONFileName>& files, bool didC
                                                            this);
     });
 
-    for (const JSONFileName file : files) {
+    for (const auto& [file, contents] : toWrite) {
         PersistentStore::WriteResult written;
-        switch (file) {
-            case JSONFileName::blockInternational:
-                written = PersistentStore::write(lists.international, file);
-                break;
-            case JSONFileName::blockConfigurable:
-                written = PersistentStore::write(lists.configurable, file);
-                break;
-            case JSONFileName::blockCustom:
-                written = PersistentStore::write(lists.custom, file);
-                break;
-            default: {
-                const auto general = std::find_if(lists.general.begin(), lists.general.end(),
-                                                  [file](const Package& package) { return package.id == model::rawValue(file); });
-                if (general == lists.general.end()) {
-                    logger.error("Can't save %s: no such package in memory", model::fileName(file).c_str());
-                    continue;
-                }
-                written = PersistentStore::write(*general, file);
-            }
+        if (const auto* list = std::get_if<std::vector<Package>>(&contents)) {
+            written = PersistentStore::write(*list, file);
+        } else if (const auto& general = std::get<std::optional<Package>>(contents)) {
+            written = PersistentStore::write(*general, file);
+        } else {
+            logger.error("Can't save %s: no such package in memory", model::fileName(file).c_str());
+            continue;
         }
         if (!written) {
             logger.error("Can't save %s: %s", model::fileName(file).c_str(), written.error().description().c_str());

@@ -207,9 +207,18 @@ void BlockerPreferenceManager::tellObserver() {
     if (auto observer = changesObserver_.lock()) observer->blockerPreferencesDidChange(*this);
 }
 
-void BlockerPreferenceManager::postOnMain(const char* name) {
-    platform::DispatchQueue::main().async([self = shared_from_this(), name] {
-        platform::NotificationCenter::defaultCenter().post(name, self.get());
+void BlockerPreferenceManager::postWillSaveOnMain() {
+    platform::DispatchQueue::main().async([self = shared_from_this()] {
+        platform::NotificationCenter::defaultCenter().post(settings::NotificationNames::willPersistPreference,
+                                                           self.get());
+    });
+}
+
+void BlockerPreferenceManager::postDidSaveOnMain() {
+    platform::DispatchQueue::main().async([self = shared_from_this()] {
+        platform::NotificationCenter::defaultCenter().post(settings::NotificationNames::didPersistPreference,
+                                                           self.get());
+        self->tellObserver();
     });
 }
 
@@ -225,13 +234,9 @@ DisabledRules BlockerPreferenceManager::disabledRules() const {
 
 void BlockerPreferenceManager::saveEnabledPreferenceWithoutReload(const model::Rule& rule,
                                                                   const model::Package& inPackage) {
-    postOnMain(settings::NotificationNames::willPersistPreference);
+    postWillSaveOnMain();
     updateRuleMap([&](DisabledRules& map) { map[inPackage.id].insert_or_assign(rule.id, false); });
-    platform::DispatchQueue::main().async([self = shared_from_this()] {
-        platform::NotificationCenter::defaultCenter().post(settings::NotificationNames::didPersistPreference,
-                                                           self.get());
-        self->tellObserver();
-    });
+    postDidSaveOnMain();
 }
 
 void BlockerPreferenceManager::saveEnabledPreferenceWithoutReload(const model::Package& package) {
@@ -245,7 +250,7 @@ void BlockerPreferenceManager::saveDisabledPreferenceWithoutReload(const model::
 }
 
 void BlockerPreferenceManager::savePreferenceWithReload(std::vector<model::Package> packages, bool disabled) {
-    postOnMain(settings::NotificationNames::willPersistPreference);
+    postWillSaveOnMain();
     serialWriteQueue_.async([self = shared_from_this(), packages = std::move(packages), disabled] {
         updatePackageMap([&](DisabledPackages& map) {
             for (const model::Package& package : packages) map.insert_or_assign(package.id, disabled);
@@ -264,11 +269,7 @@ void BlockerPreferenceManager::savePreferenceWithReload(std::vector<model::Packa
             for (model::ExtensionType type : types) reloading->saveToJSONAndReload(type, false, {});
         }
 
-        platform::DispatchQueue::main().async([self] {
-            platform::NotificationCenter::defaultCenter().post(settings::NotificationNames::didPersistPreference,
-                                                               self.get());
-            self->tellObserver();
-        });
+        self->postDidSaveOnMain();
     });
 }
 

@@ -123,7 +123,9 @@ public:
 private:
     void observeExternalChanges();
     void tellObserver();
-    void postOnMain(const char* name);
+    void postWillSaveOnMain();
+    // Posts "DidSaveUserPreference", then tells the observer.
+    void postDidSaveOnMain();
 
     platform::DispatchQueue serialWriteQueue_;
     std::weak_ptr<BlockerPreferenceChangesObserver> changesObserver_;
