@@ -131,12 +131,15 @@ struct UserDefaults::Impl : std::enable_shared_from_this<UserDefaults::Impl> {
                            error.what());
             return;
         }
+        // Without observers nothing is delivered, and startWatching() starts
+        // the bookkeeping afresh.
+        if (!watching) return;
         if (previousMaximum == lastSeenVersion) {
             lastSeenVersion = version;
         } else {
             ownUnseenVersions.insert(version);
         }
-        if (watching) {
+        {
             std::lock_guard deliveryLock(deliveryMutex);
             ownChanges.push_back(Change{version, key, value, false});
             deliveryCondition.notify_all();
@@ -330,8 +333,7 @@ struct UserDefaults::Impl : std::enable_shared_from_this<UserDefaults::Impl> {
 ObservationToken& ObservationToken::operator=(ObservationToken&& other) noexcept {
     if (this != &other) {
         reset();
-        remove_ = std::move(other.remove_);
-        other.remove_ = nullptr;
+        remove_ = std::exchange(other.remove_, nullptr);
     }
     return *this;
 }

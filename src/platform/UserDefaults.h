@@ -5,6 +5,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "platform/Store.h"
@@ -37,7 +38,7 @@ class UserDefaults;
 class ObservationToken {
 public:
     ObservationToken() = default;
-    ObservationToken(ObservationToken&&) noexcept = default;
+    ObservationToken(ObservationToken&& other) noexcept : remove_(std::exchange(other.remove_, nullptr)) {}
     ObservationToken& operator=(ObservationToken&& other) noexcept;
     ObservationToken(const ObservationToken&) = delete;
     ObservationToken& operator=(const ObservationToken&) = delete;

@@ -163,19 +163,17 @@ std::vector<Package> decodeFile(const fs::path& path, std::string_view name, boo
         logger().error("Package file %.*s is empty", static_cast<int>(name.size()), name.data());
         return {};
     }
+    const auto undecodable = [name](const model::DecodingError& error) {
+        logger().error("Failed to decode package file %.*s. Error: %s", static_cast<int>(name.size()), name.data(),
+                       error.description.c_str());
+        return std::vector<Package>{};
+    };
     if (isList) {
         auto packages = model::decodePackages(*bytes);
-        if (packages) return std::move(*packages);
-        logger().error("Failed to decode package file %.*s. Error: %s", static_cast<int>(name.size()), name.data(),
-                       packages.error().description.c_str());
-        return {};
+        return packages ? std::move(*packages) : undecodable(packages.error());
     }
     auto package = model::decodePackage(*bytes);
-    if (!package) {
-        logger().error("Failed to decode package file %.*s. Error: %s", static_cast<int>(name.size()), name.data(),
-                       package.error().description.c_str());
-        return {};
-    }
+    if (!package) return undecodable(package.error());
     std::vector<Package> result;
     result.push_back(std::move(*package));
     return result;

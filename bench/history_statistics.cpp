@@ -1,0 +1,199 @@
+// The blocked-resource history under a long-lived profile: 3,000,000 records
+// spread over 400 days, as after a year of heavy browsing.
+//
+// Measures
+//  * bulk insert throughput of the store (records/s),
+//  * a burst of 10,000 single-URL reports through the whole recording
+//    pipeline (page properties, the add queue, the store's writer, the save),
+//  * what the statistics view asks for one period: the three totals, the
+//    all-time series of 30 buckets, the week series and the today series,
+//  * the database's size on disk.
+//
+// Usage: bench_history_statistics [records] [days]
+#include "platform/Calendar.h"
+#include "platform/Clock.h"
+#include "platform/Log.h"
+#include "platform/MainRunLoop.h"
+#include "platform/SafariPage.h"
+#include "runtime/CoreDataStore.h"
+#include "runtime/HistoryStore.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cstdlib>
+#include <filesystem>
+#include <random>
+#include <string>
+#include <vector>
+
+namespace {
+
+using namespace tamsel;
+using Clock = std::chrono::steady_clock;
+using model::ExtensionType;
+
+double secondsSince(Clock::time_point start) {
+    return std::chrono::duration<double>(Clock::now() - start).count();
+}
+
+double millisecondsSince(Clock::time_point start) {
+    return std::chrono::duration<double, std::milli>(Clock::now() - start).count();
+}
+
+// Ads and trackers are most of what is blocked.
+ExtensionType pickExtension(std::mt19937_64& random) {
+    static constexpr std::array<std::pair<ExtensionType, int>, 8> mix{{{ExtensionType::blockAds, 45},
+                                                                       {ExtensionType::blockTrackers, 35},
+                                                                       {ExtensionType::blockAnnoyances, 6},
+                                                                       {ExtensionType::blockSocial, 5},
+                                                                       {ExtensionType::regionalRules, 4},
+                                                                       {ExtensionType::blockComments, 2},
+                                                                       {ExtensionType::customRules, 2},
+                                                                       {ExtensionType::blockAdult, 1}}};
+    int roll = static_cast<int>(random() % 100);
+    for (const auto& [type, weight] : mix) {
+        if (roll < weight) return type;
+        roll -= weight;
+    }
+    return ExtensionType::blockAds;
+}
+
+std::uintmax_t storeSize(const std::filesystem::path& database) {
+    std::uintmax_t size = 0;
+    for (const char* suffix : {"", "-wal", "-shm"}) {
+        std::error_code error;
+        auto part = std::filesystem::file_size(database.string() + suffix, error);
+        if (!error) size += part;
+    }
+    return size;
+}
+
+struct ViewTiming {
+    double totalsMs = 0, allTimeSeriesMs = 0, weekSeriesMs = 0, todaySeriesMs = 0;
+    double sum() const { return totalsMs + allTimeSeriesMs + weekSeriesMs + todaySeriesMs; }
+};
+
+// Everything the statistics view reads, for any one period.
+ViewTiming timeStatisticsView(const runtime::HistoryStore& history, std::int64_t& checksum) {
+    ViewTiming timing;
+    auto start = Clock::now();
+    checksum += history.blockedResourcesCountForToday() + history.blockedResourcesCountForThisWeek() +
+                history.blockedResourcesCountForAllTime();
+    timing.totalsMs = millisecondsSince(start);
+    start = Clock::now();
+    checksum += static_cast<std::int64_t>(history.averageBlockedResourcesPerDayPerExtension(30)->size());
+    timing.allTimeSeriesMs = millisecondsSince(start);
+    start = Clock::now();
+    checksum += static_cast<std::int64_t>(history.averageBlockedPerDayPerExtensionForThisWeek()->size());
+    timing.weekSeriesMs = millisecondsSince(start);
+    start = Clock::now();
+    checksum += static_cast<std::int64_t>(history.averageBlockedPerDayPerExtensionForToday()->size());
+    timing.todaySeriesMs = millisecondsSince(start);
+    return timing;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    const long recordCount = argc > 1 ? std::atol(argv[1]) : 3'000'000;
+    const int days = argc > 2 ? std::atoi(argv[2]) : 400;
+    constexpr int burstReports = 10'000;
+    constexpr int batchSize = 10'000;
+
+    std::string pattern = (std::filesystem::temp_directory_path() / "tamsel-bench-XXXXXX").string();
+    if (!::mkdtemp(pattern.data())) return 1;
+    const std::filesystem::path directory = pattern;
+    platform::setLogSink([](const platform::LogRecord&) {}, true);
+
+    // "Now" is a Tuesday afternoon in Berlin; the history reaches back `days` days.
+    platform::Calendar calendar("Europe/Berlin");
+    platform::ManualClock clock(*calendar.date({2025, 6, 17, 15, 20, 0, 0}));
+    const platform::Date now = clock.now();
+    const platform::Date first = now - std::chrono::hours(24) * days;
+
+    runtime::CoreDataStore store(directory, clock);
+    runtime::HistoryStore history(store, {.clock = &clock, .calendar = calendar, .reloadWidgets = {}});
+
+    // --- bulk insert -------------------------------------------------------
+    std::mt19937_64 random(20250617);
+    std::vector<std::string> pages, resources;
+    for (int i = 0; i < 2'000; ++i) pages.push_back(fmt::format("https://site{}.example/articles/{}", i % 700, i));
+    for (int i = 0; i < 20'000; ++i) {
+        resources.push_back(fmt::format("https://cdn{}.adnetwork{}.example/js/tag.js?pub={}&slot={}", i % 13,
+                                        i % 977, i * 7919 % 100'003, i % 17));
+    }
+    const auto span = std::chrono::duration_cast<std::chrono::nanoseconds>(now - first).count();
+    std::vector<std::int64_t> offsets(static_cast<std::size_t>(recordCount));
+    for (auto& offset : offsets) offset = static_cast<std::int64_t>(random() % static_cast<std::uint64_t>(span));
+    std::sort(offsets.begin(), offsets.end());  // records arrive in time order
+
+    fmt::print("history_statistics: {} records over {} days, batches of {}\n", recordCount, days, batchSize);
+    std::atomic<long> failedBatches = 0;
+    auto insertStart = Clock::now();
+    for (long i = 0; i < recordCount; i += batchSize) {
+        std::vector<runtime::BlockedResource> batch;
+        for (long j = i; j < std::min(recordCount, i + batchSize); ++j) {
+            runtime::BlockedResource record;
+            record.id = fmt::format("{:08X}-0000-4000-8000-{:012X}", static_cast<std::uint32_t>(j), random() >> 16);
+            record.date = first + std::chrono::nanoseconds(offsets[static_cast<std::size_t>(j)]);
+            record.extensionID = std::string(model::rawValue(pickExtension(random)));
+            record.pageURL = pages[random() % pages.size()];
+            record.pageDomain = record.pageURL->substr(8, record.pageURL->find('/', 8) - 8);
+            record.blockedURL = resources[random() % resources.size()];
+            batch.push_back(std::move(record));
+        }
+        store.insert(std::move(batch), [&](const std::optional<runtime::StoreError>& error) {
+            if (error) ++failedBatches;
+        });
+        if ((i / batchSize) % 8 == 7) store.waitUntilWritten();  // bounded memory
+    }
+    store.waitUntilWritten();
+    double insertSeconds = secondsSince(insertStart);
+    fmt::print("  bulk insert:      {:.2f} s, {:.0f} records/s, failed batches {}\n", insertSeconds,
+               static_cast<double>(recordCount) / insertSeconds, failedBatches.load());
+
+    // --- a burst of reports through the recording pipeline -----------------
+    auto page = std::make_shared<platform::StaticSafariPage>(
+        platform::SafariPageProperties{"https://busy.example/live", "Live", false, true});
+    std::atomic<int> saved = 0;
+    auto burstStart = Clock::now();
+    for (int i = 0; i < burstReports; ++i) {
+        history.addRecords({fmt::format("https://burst.example/pixel?n={}", i)}, page,
+                           i % 2 ? ExtensionType::blockTrackers : ExtensionType::blockAds, [&] { ++saved; });
+    }
+    double handOverMs = millisecondsSince(burstStart);
+    platform::MainRunLoop::runUntil([&] { return saved == burstReports; }, std::chrono::minutes(2));
+    store.waitUntilWritten();
+    double burstSeconds = secondsSince(burstStart);
+    fmt::print("  report burst:     {} reports handed over in {:.1f} ms, all saved in {:.3f} s = {:.0f} reports/s{}\n",
+               burstReports, handOverMs, burstSeconds, burstReports / burstSeconds,
+               saved == burstReports ? "" : " (INCOMPLETE)");
+
+    // --- the statistics view -------------------------------------------------
+    std::int64_t checksum = 0;
+    ViewTiming cold = timeStatisticsView(history, checksum);
+    std::vector<ViewTiming> warm;
+    for (int run = 0; run < 20; ++run) warm.push_back(timeStatisticsView(history, checksum));
+    std::sort(warm.begin(), warm.end(), [](const auto& a, const auto& b) { return a.sum() < b.sum(); });
+    const ViewTiming& median = warm[warm.size() / 2];
+    fmt::print("  statistics view (3 totals + 30-bucket all-time + week + today series, {} queries):\n",
+               3 + 30 + 7 + 12);
+    fmt::print("    first run:      {:.2f} ms\n", cold.sum());
+    fmt::print("    median of {}:   {:.2f} ms (totals {:.2f}, all-time series {:.2f}, week {:.2f}, today {:.2f})\n",
+               warm.size(), median.sum(), median.totalsMs, median.allTimeSeriesMs, median.weekSeriesMs,
+               median.todaySeriesMs);
+    fmt::print("    worst of {}:    {:.2f} ms\n", warm.size(), warm.back().sum());
+    fmt::print("  all-time total {}, today {}, this week {}\n", history.blockedResourcesCountForAllTime(),
+               history.blockedResourcesCountForToday(), history.blockedResourcesCountForThisWeek());
+    fmt::print("  database size:    {:.1f} MB ({} bytes, {:.0f} bytes/record)\n",
+               static_cast<double>(storeSize(store.storeURL())) / 1e6, storeSize(store.storeURL()),
+               static_cast<double>(storeSize(store.storeURL())) / static_cast<double>(recordCount + burstReports));
+    fmt::print("  (checksum {})\n", checksum);
+
+    std::error_code ignored;
+    std::filesystem::remove_all(directory, ignored);
+    return 0;
+}
