@@ -1,5 +1,6 @@
 #include "host/Command.h"
 
+#include "host/SubstituteHost.h"
 #include "platform/DataRoot.h"
 #include "platform/Log.h"
 
@@ -66,11 +67,17 @@ int CommandLine::run(int argc, const char* const* argv) {
     if (int status = applyGlobalOptions(); status != exitSuccess) return status;
     const CommandAction* action = chosenAction();
     if (action == nullptr) return reportUsageError("no command given (see tamsel --help)");
+    installSubstituteHost();
+    int status = exitSuccess;
     try {
-        return (*action)();
+        status = (*action)();
     } catch (const std::exception& error) {
-        return reportFailure(error.what());
+        status = reportFailure(error.what());
     }
+    // A command's saves may have queued rebuilds and reloads; they finish
+    // before the program does.
+    if (!finishPendingExtensionWork()) return reportFailure("extension reloads did not finish in time");
+    return status;
 }
 
 int CommandLine::applyGlobalOptions() {

@@ -1,0 +1,54 @@
+#include "host/SubstituteHost.h"
+
+#include "control/ExtensionManager.h"
+#include "platform/LocalContentBlockerManager.h"
+#include "runtime/settings/App.h"
+#include "storage/PathProvider.h"
+
+#include <memory>
+#include <mutex>
+
+namespace tamsel::host {
+
+namespace {
+
+// Opens the substitute manager the first time Safari is asked anything.
+class LazyContentBlockerManager : public platform::ContentBlockerManager {
+public:
+    void reloadContentBlocker(const std::string& identifier, ReloadCompletion completion) override {
+        manager()->reloadContentBlocker(identifier, std::move(completion));
+    }
+    void getStateOfContentBlocker(const std::string& identifier, StateCompletion completion) override {
+        manager()->getStateOfContentBlocker(identifier, std::move(completion));
+    }
+
+private:
+    std::shared_ptr<platform::LocalContentBlockerManager> manager() {
+        std::call_once(opened_, [this] {
+            manager_ = platform::LocalContentBlockerManager::open(
+                [](const std::string& identifier) -> std::optional<std::filesystem::path> {
+                    const auto type = control::ExtensionManager::extensionType(identifier);
+                    if (!type) return std::nullopt;
+                    return storage::PathProvider::safariJSONFilePath(*type);
+                });
+        });
+        return manager_;
+    }
+
+    std::once_flag opened_;
+    std::shared_ptr<platform::LocalContentBlockerManager> manager_;
+};
+
+}  // namespace
+
+void installSubstituteHost() {
+    settings::App::setIsMacButtonExtension(true);
+    platform::ContentBlockerManager::setShared(std::make_shared<LazyContentBlockerManager>());
+    control::ExtensionManager::shared();
+}
+
+bool finishPendingExtensionWork(std::chrono::milliseconds timeout) {
+    return control::ExtensionManager::shared()->waitUntilIdle(timeout);
+}
+
+}  // namespace tamsel::host

@@ -1,0 +1,21 @@
+#pragma once
+
+#include <chrono>
+
+// What the `tamsel` program stands in for: Safari, with its content-blocker
+// manager, and the toolbar extension's process around the product code.
+namespace tamsel::host {
+
+// Makes this process the toolbar extension (so the writer rule lets it write
+// while no host application runs), installs the substitute content-blocker
+// manager over the data root's "safari" folder (opened on first use, so
+// commands that never reload touch nothing there) and makes the extension
+// manager the process's rebuilder. Call once the data root is chosen.
+void installSubstituteHost();
+
+// Runs the main queue until every queued save, reload and retry of the
+// extension manager has finished, so that the program never exits with work
+// half done. Returns false when `timeout` passed first.
+bool finishPendingExtensionWork(std::chrono::milliseconds timeout = std::chrono::minutes(10));
+
+}  // namespace tamsel::host
