@@ -1,10 +1,10 @@
 #include "runtime/CoreDataStore.h"
 
 #include "platform/BuildConfig.h"
-#include "platform/DataRoot.h"
 #include "platform/DispatchQueue.h"
 #include "platform/Log.h"
 #include "runtime/URLHost.h"
+#include "storage/StoreURL.h"
 
 #include <sqlite3.h>
 #include <sys/stat.h>
@@ -27,19 +27,22 @@ namespace {
 using platform::Date;
 
 constexpr std::int64_t nanosecondsPerHour = 3'600'000'000'000;
+constexpr std::int64_t hoursPerDay = 24;
 // "TMSL": marks the file as ours, so that a database of any other program
 // left at our path is recognised as such and not mistaken for an old store.
 constexpr std::int64_t applicationID = 0x544D534C;
-constexpr std::int64_t schemaVersion = 1;
+constexpr std::int64_t schemaVersion = 2;
 // Other processes of the product may hold the write lock for a burst of
 // records; waiting this long loses nothing and never stalls in practice.
 constexpr int busyTimeoutMilliseconds = 10'000;
 
-// Dates are nanoseconds since 1970 UTC. The hourly count table lets an
-// interval's count read one row per hour and extension instead of every
-// record; the trigger keeps it in step inside the inserting transaction, so
+// Dates are nanoseconds since 1970 UTC. Counts of an interval read whole UTC
+// days from the daily table, the whole hours at either end from the hourly
+// table, and only the records of partial hours one by one (through the date
+// index), so that a year of history sums a few thousand rows, not millions.
+// The trigger keeps both tables in step inside the inserting transaction, so
 // readers always see records and counts agree, whichever process wrote them.
-constexpr const char* schemaSQL = R"sql(
+constexpr const char* recordsAndHourlyCountSQL = R"sql(
 CREATE TABLE BlockedResource(
     id BLOB,
     date INTEGER,
@@ -55,6 +58,17 @@ CREATE TABLE BlockedResourceHourlyCount(
     count INTEGER NOT NULL,
     PRIMARY KEY (hour, extensionID)
 ) WITHOUT ROWID;
+)sql";
+
+// The daily table and the trigger that keeps both count tables; the hour and
+// the day of a date are floor divisions, right for dates before 1970 too.
+constexpr const char* dailyCountSQL = R"sql(
+CREATE TABLE BlockedResourceDailyCount(
+    day INTEGER NOT NULL,
+    extensionID TEXT NOT NULL,
+    count INTEGER NOT NULL,
+    PRIMARY KEY (day, extensionID)
+) WITHOUT ROWID;
 CREATE TRIGGER BlockedResourceCounting AFTER INSERT ON BlockedResource
 WHEN NEW.date IS NOT NULL AND NEW.extensionID IS NOT NULL
 BEGIN
@@ -62,28 +76,47 @@ BEGIN
     VALUES ((NEW.date - (NEW.date % 3600000000000 + 3600000000000) % 3600000000000) / 3600000000000,
             NEW.extensionID, 1)
     ON CONFLICT(hour, extensionID) DO UPDATE SET count = count + 1;
+    INSERT INTO BlockedResourceDailyCount(day, extensionID, count)
+    VALUES ((NEW.date - (NEW.date % 86400000000000 + 86400000000000) % 86400000000000) / 86400000000000,
+            NEW.extensionID, 1)
+    ON CONFLICT(day, extensionID) DO UPDATE SET count = count + 1;
 END;
-PRAGMA application_id = 1414353740;
-PRAGMA user_version = 1;
+)sql";
+
+// Version 1 had no daily table: its trigger fed the hourly table alone, from
+// which the daily counts follow.
+constexpr const char* dropVersion1TriggerSQL = "DROP TRIGGER IF EXISTS BlockedResourceCounting;";
+constexpr const char* fillDailyCountSQL = R"sql(
+INSERT INTO BlockedResourceDailyCount(day, extensionID, count)
+SELECT (hour - (hour % 24 + 24) % 24) / 24, extensionID, SUM(count)
+FROM BlockedResourceHourlyCount GROUP BY 1, 2;
 )sql";
 
 constexpr const char* insertSQL =
     "INSERT INTO BlockedResource(id, date, extensionID, blockedURL, pageURL, pageDomain) "
     "VALUES (?1, ?2, ?3, ?4, ?5, ?6)";
 
-// Whole hours come from the count table; the records of the partial hours at
-// either end are counted one by one through the date index.
+// See IntervalParts for how an interval is cut into these five ranges.
 constexpr const char* rangeCountSQL =
     "SELECT extensionID, SUM(n) FROM ("
-    " SELECT extensionID, count AS n FROM BlockedResourceHourlyCount WHERE hour >= ?1 AND hour < ?2"
+    " SELECT extensionID, count AS n FROM BlockedResourceDailyCount WHERE day >= ?1 AND day < ?2"
     " UNION ALL"
-    " SELECT extensionID, COUNT(*) AS n FROM BlockedResource WHERE date >= ?3 AND date < ?4 GROUP BY extensionID"
+    " SELECT extensionID, count AS n FROM BlockedResourceHourlyCount WHERE hour >= ?3 AND hour < ?4"
     " UNION ALL"
-    " SELECT extensionID, COUNT(*) AS n FROM BlockedResource WHERE date >= ?5 AND date < ?6 GROUP BY extensionID"
+    " SELECT extensionID, count AS n FROM BlockedResourceHourlyCount WHERE hour >= ?5 AND hour < ?6"
+    " UNION ALL"
+    " SELECT extensionID, COUNT(*) AS n FROM BlockedResource WHERE date >= ?7 AND date < ?8 GROUP BY extensionID"
+    " UNION ALL"
+    " SELECT extensionID, COUNT(*) AS n FROM BlockedResource WHERE date >= ?9 AND date < ?10 GROUP BY extensionID"
     ") GROUP BY extensionID";
 
+// Records without a date are in no count table but still count for all time.
 constexpr const char* allTimeCountSQL =
-    "SELECT extensionID, SUM(count) FROM BlockedResourceHourlyCount GROUP BY extensionID";
+    "SELECT extensionID, SUM(n) FROM ("
+    " SELECT extensionID, count AS n FROM BlockedResourceDailyCount"
+    " UNION ALL"
+    " SELECT extensionID, COUNT(*) AS n FROM BlockedResource WHERE date IS NULL GROUP BY extensionID"
+    ") GROUP BY extensionID";
 
 constexpr const char* firstDateSQL =
     "SELECT date FROM BlockedResource WHERE date IS NOT NULL ORDER BY date LIMIT 1";
@@ -96,6 +129,60 @@ std::int64_t floorDiv(std::int64_t a, std::int64_t b) {
     std::int64_t q = a / b;
     return (a % b != 0 && ((a < 0) != (b < 0))) ? q - 1 : q;
 }
+
+std::int64_t ceilDiv(std::int64_t a, std::int64_t b) {
+    return -floorDiv(-a, b);
+}
+
+std::string stampSchemaSQL() {
+    return fmt::format("PRAGMA application_id = {}; PRAGMA user_version = {};", applicationID, schemaVersion);
+}
+
+// An interval [from, to) of nanoseconds cut into the ranges that the range
+// count query reads: whole UTC days, the whole hours before and after them,
+// and the partial hours at either end. Empty ranges are [0, 0).
+struct IntervalParts {
+    std::int64_t dayFrom = 0, dayTo = 0;
+    std::int64_t headHourFrom = 0, headHourTo = 0;
+    std::int64_t tailHourFrom = 0, tailHourTo = 0;
+    std::int64_t headFrom = 0, headTo = 0;
+    std::int64_t tailFrom = 0, tailTo = 0;
+
+    static IntervalParts cut(std::int64_t from, std::int64_t to) {
+        IntervalParts parts;
+        to = std::max(from, to);
+        std::int64_t hourFrom = ceilDiv(from, nanosecondsPerHour);
+        std::int64_t hourTo = floorDiv(to, nanosecondsPerHour);
+        if (hourFrom >= hourTo) {
+            parts.headFrom = from;
+            parts.headTo = to;
+            return parts;
+        }
+        parts.headFrom = from;
+        parts.headTo = hourFrom * nanosecondsPerHour;
+        parts.tailFrom = hourTo * nanosecondsPerHour;
+        parts.tailTo = to;
+        std::int64_t dayFrom = ceilDiv(hourFrom, hoursPerDay);
+        std::int64_t dayTo = floorDiv(hourTo, hoursPerDay);
+        if (dayFrom >= dayTo) {
+            parts.headHourFrom = hourFrom;
+            parts.headHourTo = hourTo;
+            return parts;
+        }
+        parts.dayFrom = dayFrom;
+        parts.dayTo = dayTo;
+        parts.headHourFrom = hourFrom;
+        parts.headHourTo = dayFrom * hoursPerDay;
+        parts.tailHourFrom = dayTo * hoursPerDay;
+        parts.tailHourTo = hourTo;
+        return parts;
+    }
+
+    // The ten bound values, in the order of the query's parameters.
+    std::array<std::int64_t, 10> bindings() const {
+        return {dayFrom, dayTo, headHourFrom, headHourTo, tailHourFrom, tailHourTo, headFrom, headTo, tailFrom, tailTo};
+    }
+};
 
 std::int64_t nanoseconds(Date date) {
     return std::chrono::duration_cast<std::chrono::nanoseconds>(date.time_since_epoch()).count();
@@ -295,26 +382,51 @@ struct CoreDataStore::Impl {
         return failure;
     }
 
+    std::optional<std::int64_t> tableCountLocked(std::optional<StoreError>& failure) {
+        return integerLocked("SELECT COUNT(*) FROM sqlite_schema WHERE name NOT LIKE 'sqlite_%'", failure);
+    }
+
+    // Runs `sql` in a write transaction when `stillNeeded` (asked inside it)
+    // holds. Two processes may find the same work to do at once; the write
+    // lock decides which does it, and the other finds it done.
+    template <class Check>
+    std::optional<StoreError> changeSchemaLocked(Check&& stillNeeded, const std::string& sql) {
+        if (auto failure = execLocked("BEGIN IMMEDIATE")) return failure;
+        std::optional<StoreError> failure;
+        bool needed = stillNeeded(failure);
+        if (!failure && needed) failure = execLocked(sql.c_str());
+        if (!failure) failure = execLocked("COMMIT");
+        if (failure) sqlite3_exec(database, "ROLLBACK", nullptr, nullptr, nullptr);
+        return failure;
+    }
+
     std::optional<StoreError> prepareSchemaLocked() {
         std::optional<StoreError> failure;
-        auto tables = integerLocked(
-            "SELECT COUNT(*) FROM sqlite_schema WHERE name NOT LIKE 'sqlite_%'", failure);
+        auto tables = tableCountLocked(failure);
         if (failure) return failure;
         if (tables.value_or(0) == 0) {
-            // Two processes may find the file empty at once; the write lock
-            // decides which creates the schema, the other finds it made.
-            if ((failure = execLocked("BEGIN IMMEDIATE"))) return failure;
-            tables = integerLocked("SELECT COUNT(*) FROM sqlite_schema WHERE name NOT LIKE 'sqlite_%'", failure);
-            if (!failure && tables.value_or(0) == 0) failure = execLocked(schemaSQL);
-            if (failure) {
-                sqlite3_exec(database, "ROLLBACK", nullptr, nullptr, nullptr);
-                return failure;
-            }
-            if ((failure = execLocked("COMMIT"))) return failure;
+            failure = changeSchemaLocked(
+                [this](std::optional<StoreError>& f) { return tableCountLocked(f).value_or(0) == 0; },
+                std::string(recordsAndHourlyCountSQL) + dailyCountSQL + stampSchemaSQL());
+            if (failure) return failure;
         }
         auto application = integerLocked("PRAGMA application_id", failure);
         auto version = integerLocked("PRAGMA user_version", failure);
         if (failure) return failure;
+        if (application == applicationID && version == 1) {
+            failure = changeSchemaLocked(
+                [this](std::optional<StoreError>& f) { return integerLocked("PRAGMA user_version", f) == 1; },
+                std::string(dropVersion1TriggerSQL) + dailyCountSQL + fillDailyCountSQL + stampSchemaSQL());
+            if (failure) return failure;
+            version = schemaVersion;
+        }
+        if (application == applicationID && version > schemaVersion) {
+            // Ours, from a newer version of the product that runs beside this
+            // one: its history is not to be moved aside, only left alone.
+            return error(SQLITE_CANTOPEN,
+                         fmt::format("The blocked-resources database has schema version {}, newer than {}",
+                                     *version, schemaVersion));
+        }
         if (application != applicationID || version != schemaVersion) {
             return error(SQLITE_NOTADB,
                          fmt::format("The file is not a blocked-resources database (application id {}, "
@@ -332,7 +444,8 @@ struct CoreDataStore::Impl {
         for (const char* sql : {"SELECT MAX(rowid) FROM BlockedResource",
                                 "SELECT date FROM BlockedResource ORDER BY date DESC LIMIT 1",
                                 "SELECT date FROM BlockedResource ORDER BY date LIMIT 1",
-                                "SELECT COUNT(*) FROM BlockedResourceHourlyCount"}) {
+                                "SELECT COUNT(*) FROM BlockedResourceHourlyCount",
+                                "SELECT COUNT(*) FROM BlockedResourceDailyCount"}) {
             integerLocked(sql, failure);
             if (failure) return failure;
         }
@@ -540,7 +653,7 @@ CoreDataStore::CoreDataStore(std::filesystem::path directory, const platform::Cl
 CoreDataStore::~CoreDataStore() = default;
 
 CoreDataStore& CoreDataStore::shared() {
-    static CoreDataStore store(platform::DataRoot::groupContainer());
+    static CoreDataStore store(storage::storeURL(databaseName).parent_path());
     return store;
 }
 
@@ -625,26 +738,14 @@ std::optional<ExtensionCounts> CoreDataStore::sumBlockedResourcesPerExtension(st
                                return impl_->countsLocked(statement, failure);
                            });
     }
-    std::int64_t from = nanoseconds(*start);
-    std::int64_t to = std::max(from, nanoseconds(*end));
-    std::int64_t firstWholeHour = floorDiv(from, nanosecondsPerHour) + (from % nanosecondsPerHour != 0 ? 1 : 0);
-    std::int64_t endWholeHour = floorDiv(to, nanosecondsPerHour);
-    std::int64_t headEnd = to;
-    std::int64_t tailStart = to;
-    if (firstWholeHour < endWholeHour) {
-        headEnd = firstWholeHour * nanosecondsPerHour;
-        tailStart = endWholeHour * nanosecondsPerHour;
-    } else {
-        endWholeHour = firstWholeHour;  // no whole hour inside: records only
-    }
+    const auto bindings = IntervalParts::cut(nanoseconds(*start), nanoseconds(*end)).bindings();
     return impl_->read("sumBlockedResourcesPerExtensionForPeriod",
                        [&](std::optional<StoreError>& failure) -> std::optional<ExtensionCounts> {
                            sqlite3_stmt* statement = impl_->cachedLocked(impl_->rangeStatement, rangeCountSQL, failure);
                            if (!statement) return std::nullopt;
                            StatementUse use(statement);
-                           for (auto [index, value] : {std::pair{1, firstWholeHour}, {2, endWholeHour}, {3, from},
-                                                       {4, headEnd}, {5, tailStart}, {6, to}}) {
-                               sqlite3_bind_int64(statement, index, value);
+                           for (std::size_t i = 0; i < bindings.size(); ++i) {
+                               sqlite3_bind_int64(statement, static_cast<int>(i + 1), bindings[i]);
                            }
                            return impl_->countsLocked(statement, failure);
                        });

@@ -35,19 +35,22 @@ struct StoreError {
 //
 // Reads (the counts and the first date) are synchronous and safe from any
 // thread. Counts never load records: each call is one grouped count query,
-// served by an hourly count table that the database keeps in step with the
-// records (a trigger in the inserting transaction), plus the records of the
-// partial hours at the two ends of the interval.
+// served by daily and hourly count tables that the database keeps in step
+// with the records (a trigger in the inserting transaction), plus the records
+// of the partial hours at the two ends of the interval.
 //
 // A damaged database file (not a database, truncated, or a database of some
 // other schema) is moved aside as "<name>.corrupt-<UTC timestamp>", with an
 // error line, and an empty store takes its place; this happens when the store
-// opens and whenever a later operation finds the damage. When not even an
-// empty store can be opened, writes fail and reads answer nothing.
+// opens and whenever a later operation finds the damage. A store of an older
+// schema version is upgraded in place; one of a newer version is left alone
+// and not used. When no store can be opened, writes fail and reads answer
+// nothing.
 class CoreDataStore {
 public:
     static constexpr std::string_view modelName = "Model";
-    static constexpr std::string_view storeFileName = "blocked-resources-data.sqlite";
+    static constexpr std::string_view databaseName = "blocked-resources-data";
+    static constexpr std::string_view storeFileName = "blocked-resources-data.sqlite";  // databaseName + ".sqlite"
 
     using InsertCompletion = std::function<void(const std::optional<StoreError>& error)>;
 
@@ -61,6 +64,8 @@ public:
     CoreDataStore& operator=(const CoreDataStore&) = delete;
 
     // The process's store, in the app-group container, created on first use.
+    // Without a group container the process stops ("Shared file container
+    // could not be created.").
     static CoreDataStore& shared();
 
     const std::filesystem::path& storeURL() const;

@@ -8,6 +8,8 @@
 #include <gtest/gtest.h>
 #include <sqlite3.h>
 
+#include <fmt/format.h>
+
 #include <atomic>
 #include <filesystem>
 #include <fstream>
@@ -108,16 +110,22 @@ TEST_F(CoreDataStoreTest, RecordsSurviveReopeningAndUUIDsAreUnique) {
 
 TEST_F(CoreDataStoreTest, IntervalCountsAreHalfOpenAndMatchCountingEveryRecord) {
     CoreDataStore store(directory.path(), clock);
-    // Records every few minutes over three days, at odd seconds and on exact
-    // hour boundaries, so that intervals cut hours at both ends.
+    // Records every few minutes over three weeks, at odd seconds and on exact
+    // hour and day boundaries, so that intervals cut days and hours at both
+    // ends; a few lie before 1970, where hours and days round downwards.
+    constexpr int spanSeconds = 21 * 86400;
     std::mt19937 random(42);
     std::vector<BlockedResource> records;
     platform::Date origin = utc(2024, 5, 1);
-    for (int i = 0; i < 1500; ++i) {
-        auto offset = std::chrono::seconds(random() % (3 * 86400));
-        if (i % 10 == 0) offset = std::chrono::hours(random() % 72);
+    for (int i = 0; i < 3000; ++i) {
+        auto offset = std::chrono::seconds(random() % spanSeconds);
+        if (i % 10 == 0) offset = std::chrono::hours(random() % (21 * 24));
+        if (i % 25 == 0) offset = std::chrono::days(random() % 21);
         auto type = model::allCases<ExtensionType>()[random() % 8];
         records.push_back(record(origin + offset + std::chrono::milliseconds(i % 3 == 0 ? 0 : 500), type));
+    }
+    for (int i = 0; i < 50; ++i) {
+        records.push_back(record(utc(1969, 12, 30) + std::chrono::minutes(97 * i), ExtensionType::blockAdult));
     }
     ASSERT_TRUE(insertNow(store, records));
 
@@ -128,13 +136,20 @@ TEST_F(CoreDataStoreTest, IntervalCountsAreHalfOpenAndMatchCountingEveryRecord) 
         }
         return counts;
     };
-    for (int i = 0; i < 300; ++i) {
-        platform::Date start = origin + std::chrono::seconds(random() % (3 * 86400)) - std::chrono::hours(2);
-        platform::Date end = start + std::chrono::seconds(random() % (2 * 86400));
-        if (i % 4 == 0) start = origin + std::chrono::hours(random() % 72);  // exact hours
-        if (i % 5 == 0) end = start + std::chrono::seconds(random() % 3600);  // within one hour or two
+    auto randomSeconds = [&](int limit) { return std::chrono::seconds(random() % limit); };
+    for (int i = 0; i < 400; ++i) {
+        platform::Date start = origin + randomSeconds(spanSeconds) - std::chrono::hours(30);
+        platform::Date end = start + randomSeconds(12 * 86400);
+        if (i % 4 == 0) start = origin + std::chrono::hours(random() % (21 * 24));  // exact hours
+        if (i % 6 == 0) start = origin + std::chrono::days(random() % 21);          // UTC midnights
+        if (i % 7 == 0) end = origin + std::chrono::days(random() % 22);
+        if (i % 5 == 0) end = start + randomSeconds(3 * 3600);                      // within a few hours
+        if (i % 9 == 0) end = start + std::chrono::days(1 + random() % 3);          // a day or more, exactly
         ASSERT_EQ(store.sumBlockedResourcesPerExtension(start, end), countDirectly(start, end)) << i;
     }
+    platform::Date before1970 = utc(1969, 12, 30, 7, 30);
+    EXPECT_EQ(store.sumBlockedResourcesPerExtension(before1970, before1970 + std::chrono::hours(49)),
+              countDirectly(before1970, before1970 + std::chrono::hours(49)));
 
     // The end is excluded, the start included, to the nanosecond.
     platform::Date t = *records[0].date;
@@ -144,12 +159,12 @@ TEST_F(CoreDataStoreTest, IntervalCountsAreHalfOpenAndMatchCountingEveryRecord) 
     EXPECT_EQ(total(*store.sumBlockedResourcesPerExtension(t + 1s, t)), 0);
 
     // All time, with either bound absent.
-    ExtensionCounts all = countDirectly(origin - 24h, origin + 96h);
+    ExtensionCounts all = countDirectly(utc(1960, 1, 1), origin + std::chrono::days(30));
     EXPECT_EQ(store.sumBlockedResourcesPerExtension(std::nullopt, std::nullopt), all);
     EXPECT_EQ(store.sumBlockedResourcesPerExtension(origin + 1h, std::nullopt), all);
 }
 
-TEST_F(CoreDataStoreTest, ExtensionsWithoutRecordsAreAbsentAndUnknownIdentifiersIgnored) {
+TEST_F(CoreDataStoreTest, ExtensionsWithoutRecordsAreAbsentUnknownIdentifiersIgnoredUndatedRecordsAllTime) {
     CoreDataStore store(directory.path(), clock);
     EXPECT_EQ(store.sumBlockedResourcesPerExtension(std::nullopt, std::nullopt), ExtensionCounts{});
     EXPECT_EQ(store.firstBlockedResourceDate(), std::nullopt);
@@ -161,7 +176,11 @@ TEST_F(CoreDataStoreTest, ExtensionsWithoutRecordsAreAbsentAndUnknownIdentifiers
     ASSERT_TRUE(insertNow(store, {record(utc(2024, 5, 3), ExtensionType::customRules),
                                   record(utc(2024, 5, 1, 12), ExtensionType::customRules),
                                   record(utc(2024, 5, 2), ExtensionType::regionalRules), stranger, undated}));
+    // A record without a date counts for all time, and in no period.
     EXPECT_EQ(store.sumBlockedResourcesPerExtension(std::nullopt, std::nullopt),
+              (ExtensionCounts{{ExtensionType::blockAds, 1}, {ExtensionType::regionalRules, 1},
+                               {ExtensionType::customRules, 2}}));
+    EXPECT_EQ(store.sumBlockedResourcesPerExtension(utc(2024, 1, 1), utc(2025, 1, 1)),
               (ExtensionCounts{{ExtensionType::regionalRules, 1}, {ExtensionType::customRules, 2}}));
     EXPECT_EQ(store.firstBlockedResourceDate(), utc(2024, 5, 1, 12));
 }
@@ -274,6 +293,104 @@ TEST_F(DamagedStoreTest, EachRecoveryGetsItsOwnName) {
     ASSERT_EQ(aside.size(), 2U);
     EXPECT_THAT(readBytes(aside[0]), HasSubstr("first damage"));
     EXPECT_EQ(aside[1].filename(), "blocked-resources-data.sqlite.corrupt-20240510T083000Z-2");
+}
+
+TEST_F(DamagedStoreTest, DamageFoundByALaterQueryIsMovedAsideAndTheStoreGoesOn) {
+    makeStoreWithRecords();
+    tamsel::testing::LogCapture log;
+    CoreDataStore store(directory.path(), clock);
+    ASSERT_EQ(total(*store.sumBlockedResourcesPerExtension(std::nullopt, std::nullopt)), 3000);
+
+    // Another program overwrites the file in place while the store has it
+    // open; the pages the store has not read yet are garbage now.
+    std::string damaged(readBytes(storePath()).size(), 'Z');
+    writeBytes(storePath(), damaged);
+    EXPECT_EQ(store.blockedResources("https://page.example/7"), std::nullopt);
+    EXPECT_TRUE(log.contains("Error while fetching blockedResources"));
+
+    auto aside = filesWithPrefix(directory.path(), "blocked-resources-data.sqlite.corrupt-");
+    ASSERT_EQ(aside.size(), 1U);
+    EXPECT_TRUE(readBytes(aside.front()) == damaged);
+    EXPECT_TRUE(log.contains("moved it aside to " + aside.front().string()));
+
+    EXPECT_TRUE(store.isLoaded());
+    EXPECT_EQ(store.sumBlockedResourcesPerExtension(std::nullopt, std::nullopt), ExtensionCounts{});
+    ASSERT_TRUE(insertNow(store, {record(utc(2024, 5, 10), ExtensionType::blockComments)}));
+    EXPECT_EQ(store.blockedResources("https://news.example/article")->size(), 1U);
+}
+
+// The first layout of the store counted hours only.
+constexpr const char* version1SchemaSQL = R"sql(
+CREATE TABLE BlockedResource(id BLOB, date INTEGER, extensionID TEXT, blockedURL TEXT, pageURL TEXT, pageDomain TEXT);
+CREATE INDEX BlockedResourceByDate ON BlockedResource(date, extensionID);
+CREATE TABLE BlockedResourceHourlyCount(
+    hour INTEGER NOT NULL, extensionID TEXT NOT NULL, count INTEGER NOT NULL, PRIMARY KEY (hour, extensionID)
+) WITHOUT ROWID;
+CREATE TRIGGER BlockedResourceCounting AFTER INSERT ON BlockedResource
+WHEN NEW.date IS NOT NULL AND NEW.extensionID IS NOT NULL
+BEGIN
+    INSERT INTO BlockedResourceHourlyCount(hour, extensionID, count)
+    VALUES ((NEW.date - (NEW.date % 3600000000000 + 3600000000000) % 3600000000000) / 3600000000000,
+            NEW.extensionID, 1)
+    ON CONFLICT(hour, extensionID) DO UPDATE SET count = count + 1;
+END;
+PRAGMA application_id = 1414353740;
+PRAGMA user_version = 1;
+PRAGMA journal_mode = WAL;
+)sql";
+
+void execute(const fs::path& path, const std::string& sql) {
+    sqlite3* database = nullptr;
+    ASSERT_EQ(sqlite3_open(path.c_str(), &database), SQLITE_OK);
+    char* message = nullptr;
+    EXPECT_EQ(sqlite3_exec(database, sql.c_str(), nullptr, nullptr, &message), SQLITE_OK) << message;
+    sqlite3_free(message);
+    sqlite3_close(database);
+}
+
+TEST_F(DamagedStoreTest, StoreOfTheFirstLayoutIsUpgradedWithItsRecords) {
+    std::string sql = version1SchemaSQL;
+    // 100 records an hour apart from 1 May 2024 00:00 UTC, alternating extensions.
+    for (int i = 0; i < 100; ++i) {
+        sql += fmt::format("INSERT INTO BlockedResource VALUES (NULL, {}, '{}', 'https://t.example/{}', "
+                           "'https://p.example/', 'p.example');",
+                           1714521600LL * 1'000'000'000 + i * 3'600'000'000'000LL, i % 2 ? "block-ads" : "block-social", i);
+    }
+    execute(storePath(), sql);
+
+    tamsel::testing::LogCapture log;
+    CoreDataStore store(directory.path(), clock);
+    ASSERT_TRUE(store.isLoaded());
+    EXPECT_TRUE(filesWithPrefix(directory.path(), "blocked-resources-data.sqlite.corrupt-").empty());
+    EXPECT_THAT(log.lines(), ::testing::ElementsAre("Core Data stack has been initialized with description: " +
+                                                    store.storeDescription()));
+    // Whole days now come from the day counts made of the old hour counts.
+    EXPECT_EQ(store.sumBlockedResourcesPerExtension(utc(2024, 5, 1), utc(2024, 5, 3)),
+              (ExtensionCounts{{ExtensionType::blockAds, 24}, {ExtensionType::blockSocial, 24}}));
+    EXPECT_EQ(store.sumBlockedResourcesPerExtension(std::nullopt, std::nullopt),
+              (ExtensionCounts{{ExtensionType::blockAds, 50}, {ExtensionType::blockSocial, 50}}));
+    // New records are counted once, in days and in hours.
+    ASSERT_TRUE(insertNow(store, {record(utc(2024, 5, 2, 5, 30), ExtensionType::blockAds)}));
+    EXPECT_EQ(store.sumBlockedResourcesPerExtension(utc(2024, 5, 1), utc(2024, 5, 3)),
+              (ExtensionCounts{{ExtensionType::blockAds, 25}, {ExtensionType::blockSocial, 24}}));
+    EXPECT_EQ(store.sumBlockedResourcesPerExtension(utc(2024, 5, 2, 5), utc(2024, 5, 2, 6)),
+              (ExtensionCounts{{ExtensionType::blockAds, 2}}));
+}
+
+TEST_F(DamagedStoreTest, StoreOfANewerVersionIsLeftAloneAndNotUsed) {
+    makeStoreWithRecords();
+    execute(storePath(), "PRAGMA user_version = 3;");
+    std::string before = readBytes(storePath());
+
+    tamsel::testing::LogCapture log;
+    {
+        CoreDataStore store(directory.path(), clock);
+        EXPECT_FALSE(store.isLoaded());
+        EXPECT_EQ(store.sumBlockedResourcesPerExtension(std::nullopt, std::nullopt), std::nullopt);
+    }
+    EXPECT_THAT(log.lines().front(), HasSubstr("schema version 3, newer than 2"));
+    EXPECT_TRUE(filesWithPrefix(directory.path(), "blocked-resources-data.sqlite.corrupt-").empty());
+    EXPECT_TRUE(readBytes(storePath()) == before);
 }
 
 TEST_F(CoreDataStoreTest, UnopenableStoreFailsWritesAndAnswersNothing) {
