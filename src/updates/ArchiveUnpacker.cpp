@@ -8,7 +8,9 @@
 #include <array>
 #include <cerrno>
 #include <memory>
+#include <optional>
 #include <system_error>
+#include <utility>
 
 namespace tamsel::updates {
 namespace {
@@ -176,6 +178,67 @@ std::optional<Error> extractEntry(zip_t* archive, const Entry& entry, const std:
     return std::nullopt;
 }
 
+// Moves the staged files over the installed ones, one atomic rename each, and
+// can put everything back: the file each move replaces is first kept (as a
+// hard link, or failing that a copy) in the staging folder. Readers see every
+// file either old or new, and a failure part-way leaves the old set.
+class MoveIntoPlace {
+public:
+    // `staging` holds the unpacked files in "unpacked"; "replaced" receives the old ones.
+    MoveIntoPlace(const std::filesystem::path& staging, std::filesystem::path folder)
+        : staged_(staging / "unpacked"), kept_(staging / "replaced"), folder_(std::move(folder)) {}
+
+    std::optional<Error> file(const std::filesystem::path& relative) {
+        const std::filesystem::path target = folder_ / relative;
+        std::error_code failure;
+        std::filesystem::create_directories(target.parent_path(), failure);
+        Moved moved{target, std::nullopt};
+        std::filesystem::file_status status;
+        if (!failure) {
+            status = std::filesystem::symlink_status(target, failure);
+            if (status.type() == std::filesystem::file_type::not_found) failure.clear();
+        }
+        if (!failure && std::filesystem::exists(status)) {
+            const std::filesystem::path kept = kept_ / relative;
+            std::filesystem::create_directories(kept.parent_path(), failure);
+            if (!failure) std::filesystem::create_hard_link(target, kept, failure);
+            if (failure) {
+                failure.clear();
+                std::filesystem::copy_file(target, kept, failure);
+            }
+            if (!failure) moved.kept = kept;
+        }
+        if (!failure) std::filesystem::rename(staged_ / relative, target, failure);
+        if (failure) return Error::make(ErrorCode::fileSystem, target.string() + ": " + failure.message());
+        moves_.push_back(std::move(moved));
+        return std::nullopt;
+    }
+
+    // Best effort: a file that cannot be put back is left as it is.
+    void rollBack() {
+        for (auto it = moves_.rbegin(); it != moves_.rend(); ++it) {
+            std::error_code ignored;
+            if (it->kept) {
+                std::filesystem::rename(*it->kept, it->target, ignored);
+            } else {
+                std::filesystem::remove(it->target, ignored);
+            }
+        }
+        moves_.clear();
+    }
+
+private:
+    struct Moved {
+        std::filesystem::path target;
+        std::optional<std::filesystem::path> kept;  // the file it replaced
+    };
+
+    std::filesystem::path staged_;
+    std::filesystem::path kept_;
+    std::filesystem::path folder_;
+    std::vector<Moved> moves_;
+};
+
 }  // namespace
 
 bool isSafeEntryName(std::string_view name) {
@@ -211,11 +274,12 @@ std::expected<std::vector<std::filesystem::path>, Error> unpackArchive(const std
     auto staging = StagingFolder::create(folder);
     if (!staging) return std::unexpected(std::move(staging.error()));
 
+    const std::filesystem::path unpacked = staging->path() / "unpacked";
     std::vector<std::filesystem::path> relativeFiles;
     zip_uint64_t producedTotal = 0;
     for (const Entry& entry : *entries) {
         const std::filesystem::path relative(entry.name);
-        const std::filesystem::path target = staging->path() / relative;
+        const std::filesystem::path target = unpacked / relative;
         std::error_code failure;
         std::filesystem::create_directories(entry.isDirectory ? target : target.parent_path(), failure);
         if (failure) return std::unexpected(Error::make(ErrorCode::fileSystem, failure.message()));
@@ -227,19 +291,18 @@ std::expected<std::vector<std::filesystem::path>, Error> unpackArchive(const std
     }
     if (relativeFiles.empty()) return std::unexpected(unzipError("The archive holds no files"));
 
-    std::vector<std::filesystem::path> installed;
-    for (const auto& relative : relativeFiles) {
-        const std::filesystem::path staged = staging->path() / relative;
-        if (options.prepareFile) options.prepareFile(staged);
-        const std::filesystem::path target = folder / relative;
-        std::error_code failure;
-        std::filesystem::create_directories(target.parent_path(), failure);
-        if (!failure) std::filesystem::rename(staged, target, failure);
-        if (failure) {
-            return std::unexpected(Error::make(ErrorCode::fileSystem, target.string() + ": " + failure.message()));
-        }
-        installed.push_back(target);
+    if (options.prepareFile) {
+        for (const auto& relative : relativeFiles) options.prepareFile(unpacked / relative);
     }
+    MoveIntoPlace move(staging->path(), folder);
+    for (const auto& relative : relativeFiles) {
+        if (auto failure = move.file(relative)) {
+            move.rollBack();
+            return std::unexpected(std::move(*failure));
+        }
+    }
+    std::vector<std::filesystem::path> installed;
+    for (const auto& relative : relativeFiles) installed.push_back(folder / relative);
     return installed;
 }
 

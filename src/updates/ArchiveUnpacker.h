@@ -14,8 +14,9 @@
 //
 //  * Every entry is unpacked first into a fresh staging folder beside the
 //    target folder; files are moved into the target only after the whole
-//    archive unpacked. A failure leaves the target as it was, and the staging
-//    folder is removed on every path.
+//    archive unpacked, each by an atomic rename. Should a move fail part-way,
+//    the files already moved are put back as they were. A failure leaves the
+//    target as it was, and the staging folder is removed on every path.
 //  * Entries whose names would land outside the folder (absolute paths, "..",
 //    backslashes, drive letters) and entries that are links or other special
 //    files are refused before anything is written.

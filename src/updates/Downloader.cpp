@@ -119,16 +119,18 @@ private:
     std::string path_;
 };
 
-void runURLSessionDownload(const std::string& url, const std::filesystem::path& destination,
-                           const Downloader::ProgressHandler& progressHandler,
-                           const Downloader::CompletionHandler& completionHandler) {
+// Fetches into a temporary file beside the destination and renames it over
+// the destination once the whole body is there. The temporary file is gone
+// before this returns, so that whoever the result reaches finds no trace of
+// a failed download.
+Downloader::DownloadResult fetchIntoPlace(const std::string& url, const std::filesystem::path& destination,
+                                          const Downloader::ProgressHandler& progressHandler) {
+    using DownloadResult = Downloader::DownloadResult;
     TemporaryFile file(destination);
     if (!file.isOpen()) {
         const std::string reason = errnoText(file.openError());
         logger().error("Error writing file %s: %s", destination.c_str(), reason.c_str());
-        complete(completionHandler,
-                 Downloader::DownloadResult::failure(Error::make(ErrorCode::fileSystem, reason)));
-        return;
+        return DownloadResult::failure(Error::make(ErrorCode::fileSystem, reason));
     }
 
     HTTPRequest request{url, HTTPRequest::Method::get, Downloader::requestTimeout(), progressHandler};
@@ -141,8 +143,7 @@ void runURLSessionDownload(const std::string& url, const std::filesystem::path& 
         } else {
             logger().error("Error downloading file: %s", error.description.c_str());
         }
-        complete(completionHandler, Downloader::DownloadResult::failure(std::move(error)));
-        return;
+        return DownloadResult::failure(std::move(error));
     }
 
     logger().debug("Download status code: %ld", response->status);
@@ -150,18 +151,15 @@ void runURLSessionDownload(const std::string& url, const std::filesystem::path& 
         Error error{ErrorCode::httpStatus, "The server answered with status " + std::to_string(response->status),
                     response->status, std::nullopt};
         logger().error("Error downloading file: %s", error.description.c_str());
-        complete(completionHandler, Downloader::DownloadResult::failure(std::move(error)));
-        return;
+        return DownloadResult::failure(std::move(error));
     }
 
     if (const int failure = file.commit(destination); failure != 0) {
         const std::string reason = errnoText(failure);
         logger().error("Error writing file %s: %s", destination.c_str(), reason.c_str());
-        complete(completionHandler,
-                 Downloader::DownloadResult::failure(Error::make(ErrorCode::fileSystem, reason)));
-        return;
+        return DownloadResult::failure(Error::make(ErrorCode::fileSystem, reason));
     }
-    complete(completionHandler, Downloader::DownloadResult::success());
+    return DownloadResult::success();
 }
 
 void downloadUsingBackgroundAssets(const std::shared_ptr<BackgroundDownloadManager>& manager,
@@ -226,7 +224,7 @@ void Downloader::downloadUsingURLSession(const std::string& url, const std::file
     platform::DispatchQueue::global(platform::QualityOfService::utility)
         .async([url, destination, progress = std::move(progressHandler),
                 completion = std::move(completionHandler)] {
-            runURLSessionDownload(url, destination, progress, completion);
+            complete(completion, fetchIntoPlace(url, destination, progress));
         });
 }
 

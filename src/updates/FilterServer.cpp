@@ -3,6 +3,8 @@
 #include <httplib.h>
 
 #include <algorithm>
+#include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <fmt/format.h>
 #include <mutex>
@@ -99,6 +101,7 @@ struct FilterServer::State {
     std::condition_variable released;
     bool stopping = false;
     std::uint64_t releaseGeneration = 0;
+    std::size_t held = 0;
     std::array<Fault, 2> faults{Fault::none, Fault::none};
     std::optional<platform::Date> dateOverride;
     std::array<std::size_t, 2> counts{0, 0};
@@ -127,7 +130,9 @@ struct FilterServer::State {
             case Fault::noAnswer: {
                 std::unique_lock lock(mutex);
                 const auto generation = releaseGeneration;
+                ++held;
                 released.wait(lock, [&] { return stopping || releaseGeneration != generation; });
+                --held;
                 response.status = 503;
                 return true;
             }
@@ -235,7 +240,21 @@ std::expected<void, std::string> FilterServer::start() {
         return std::unexpected(fmt::format("could not bind 127.0.0.1:{}", port));
     }
     state->port = static_cast<std::uint16_t>(port);
-    state->thread = std::thread([state] { state->server.listen_after_bind(); });
+    auto listenEnded = std::make_shared<std::atomic<bool>>(false);
+    state->thread = std::thread([state, listenEnded] {
+        state->server.listen_after_bind();
+        listenEnded->store(true);
+    });
+    // httplib's stop() does nothing until the listening loop has begun, so a
+    // stop() that came before it would leave the loop accepting for ever.
+    // Return only once the loop runs (or ended at once).
+    while (!state->server.is_running() && !listenEnded->load()) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    if (!state->server.is_running()) {
+        state->thread.join();
+        return std::unexpected(fmt::format("could not listen on 127.0.0.1:{}", port));
+    }
     return {};
 }
 
@@ -272,6 +291,11 @@ void FilterServer::releaseHangingRequests() {
         ++state_->releaseGeneration;
     }
     state_->released.notify_all();
+}
+
+std::size_t FilterServer::heldRequestCount() const {
+    std::lock_guard lock(state_->mutex);
+    return state_->held;
 }
 
 std::size_t FilterServer::requestCount(Endpoint endpoint) const {

@@ -84,6 +84,8 @@ public:
     void setPublicationDate(std::optional<platform::Date> date);
     // Answers the requests that noAnswer holds, with 503.
     void releaseHangingRequests();
+    // Requests that noAnswer holds right now.
+    std::size_t heldRequestCount() const;
     // Requests received so far (HEAD included), per endpoint.
     std::size_t requestCount(Endpoint endpoint) const;
 

@@ -23,21 +23,31 @@ std::string trimmed(std::string_view text) {
     return std::string(text);
 }
 
+std::mutex timeSourceMutex;
+HTTPClient::TimeSource installedTimeSource;
+
+HTTPClient::TimeSource currentTimeSource() {
+    std::lock_guard lock(timeSourceMutex);
+    if (installedTimeSource) return installedTimeSource;
+    return [] { return std::chrono::steady_clock::now(); };
+}
+
 struct Transfer {
     const HTTPRequest* request = nullptr;
     const BodyReceiver* receiver = nullptr;
+    HTTPClient::TimeSource now = currentTimeSource();
     HTTPResponse response;
     bool receiverRefused = false;
     bool stalled = false;
     curl_off_t lastReceived = -1;
-    std::chrono::steady_clock::time_point lastActivity = std::chrono::steady_clock::now();
+    std::chrono::steady_clock::time_point lastActivity = now();
     double lastFraction = -1;
 };
 
 size_t onHeader(char* data, size_t size, size_t count, void* context) {
     auto* transfer = static_cast<Transfer*>(context);
     const std::string_view line(data, size * count);
-    transfer->lastActivity = std::chrono::steady_clock::now();
+    transfer->lastActivity = transfer->now();
     if (line.starts_with("HTTP/")) {
         // A new reply begins (after a redirect or an interim 100): forget the
         // previous one's headers.
@@ -54,7 +64,7 @@ size_t onHeader(char* data, size_t size, size_t count, void* context) {
 
 size_t onBody(char* data, size_t size, size_t count, void* context) {
     auto* transfer = static_cast<Transfer*>(context);
-    transfer->lastActivity = std::chrono::steady_clock::now();
+    transfer->lastActivity = transfer->now();
     if (*transfer->receiver && !(*transfer->receiver)(std::string_view(data, size * count))) {
         transfer->receiverRefused = true;
         return 0;  // makes curl stop with CURLE_WRITE_ERROR
@@ -64,7 +74,7 @@ size_t onBody(char* data, size_t size, size_t count, void* context) {
 
 int onProgress(void* context, curl_off_t downloadTotal, curl_off_t downloaded, curl_off_t, curl_off_t) {
     auto* transfer = static_cast<Transfer*>(context);
-    const auto now = std::chrono::steady_clock::now();
+    const auto now = transfer->now();
     if (downloaded != transfer->lastReceived) {
         transfer->lastReceived = downloaded;
         transfer->lastActivity = now;
@@ -166,6 +176,11 @@ std::expected<std::pair<HTTPResponse, std::string>, Error> HTTPClient::fetch(con
         partialResponse);
     if (!response) return std::unexpected(std::move(response.error()));
     return std::pair{std::move(*response), std::move(body)};
+}
+
+void HTTPClient::setTimeSource(TimeSource source) {
+    std::lock_guard lock(timeSourceMutex);
+    installedTimeSource = std::move(source);
 }
 
 }  // namespace tamsel::updates

@@ -64,6 +64,14 @@ public:
     // The whole body in memory; for small documents such as the manifest.
     static std::expected<std::pair<HTTPResponse, std::string>, Error> fetch(const HTTPRequest& request,
                                                                            HTTPResponse* partialResponse = nullptr);
+
+    // Where the stall timer of every request reads the time: the steady
+    // clock, unless tests install a source that moves only when they move it,
+    // so that a stalled transfer times out exactly when a test says and a
+    // healthy one never does. An empty source goes back to the steady clock.
+    // Requests already running keep the source they started with.
+    using TimeSource = std::function<std::chrono::steady_clock::time_point()>;
+    static void setTimeSource(TimeSource source);
 };
 
 }  // namespace tamsel::updates

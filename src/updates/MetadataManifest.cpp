@@ -20,24 +20,24 @@ struct PlistDeleter {
 };
 using Plist = std::unique_ptr<std::remove_pointer_t<plist_t>, PlistDeleter>;
 
+// libplist hands a date over as seconds since the reference date, truncated
+// toward zero, and microseconds without a sign; its XML form carries no
+// fraction at all, and its binary reader loses the fraction of dates before
+// the reference date. Whole seconds are what both forms agree on, so the
+// fraction is dropped, rounding toward the past where it is known.
 platform::Date dateFromPlist(std::int32_t seconds, std::int32_t microseconds) {
-    using namespace std::chrono;
-    return platform::Date(duration_cast<platform::Date::duration>(
-        std::chrono::seconds(referenceDateUnixSeconds + seconds) + std::chrono::microseconds(microseconds)));
+    std::int64_t whole = seconds;
+    if (seconds < 0 && microseconds != 0) --whole;
+    return platform::Date(std::chrono::seconds(referenceDateUnixSeconds + whole));
 }
 
 Plist makeDictionary(const MetadataManifest& manifest) {
     using namespace std::chrono;
-    const auto sinceReference =
-        duration_cast<microseconds>(manifest.date.time_since_epoch()) - seconds(referenceDateUnixSeconds);
-    auto wholeSeconds = floor<seconds>(sinceReference);
-    const auto micro = duration_cast<microseconds>(sinceReference - wholeSeconds);
+    const auto sinceReference = floor<seconds>(manifest.date).time_since_epoch() - seconds(referenceDateUnixSeconds);
 
     Plist dictionary(plist_new_dict());
     plist_dict_set_item(dictionary.get(), "id", plist_new_string(manifest.id.c_str()));
-    plist_dict_set_item(dictionary.get(), "date",
-                        plist_new_date(static_cast<std::int32_t>(wholeSeconds.count()),
-                                       static_cast<std::int32_t>(micro.count())));
+    plist_dict_set_item(dictionary.get(), "date", plist_new_date(static_cast<std::int32_t>(sinceReference.count()), 0));
     plist_dict_set_item(dictionary.get(), "size", plist_new_uint(static_cast<std::uint64_t>(manifest.size)));
     return dictionary;
 }

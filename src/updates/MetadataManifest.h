@@ -13,6 +13,10 @@
 // keys "id" (text), "date" (date: the publication time, which is the rule
 // version) and "size" (number: the archive's size in bytes). Other keys are
 // ignored.
+//
+// The date has whole-second resolution: the XML form cannot carry a
+// fraction, and the version written from the date has none, so a decoded
+// date is the same whichever form the server sent.
 namespace tamsel::updates {
 
 struct MetadataManifest {
@@ -20,11 +24,12 @@ struct MetadataManifest {
     platform::Date date;
     std::int64_t size = 0;
 
-    // Reads either form. The error says what is wrong, for the log line.
+    // Reads either form; the date's fraction of a second is dropped. The
+    // error says what is wrong, for the log line.
     static std::expected<MetadataManifest, std::string> decode(std::string_view bytes);
 
-    // The XML form, as the development filter server publishes it. Dates in
-    // property lists have whole-microsecond resolution.
+    // The XML form, as the development filter server publishes it, and the
+    // binary form. Both write the date in whole seconds.
     std::string encodeXML() const;
     std::string encodeBinary() const;
 

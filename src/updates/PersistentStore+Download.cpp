@@ -61,21 +61,18 @@ void removeIgnoringErrors(const std::filesystem::path& file) {
 
 }  // namespace
 
-void RuleArchive::downloadZippedRules(const std::string& url, const std::string& identifier,
-                                      ProgressHandler progressHandler, Completion completionHandler) {
-    if (answerIfAlreadyDownloaded(url)) {
-        platform::DispatchQueue::main().async([completion = std::move(completionHandler)] {
-            if (completion) completion({});
-        });
-        return;
-    }
+namespace {
 
-    const std::filesystem::path folder = downloadDirectory();
+// Downloads the archive and unpacks it, whatever the already-downloaded flag
+// says; completes on the download's thread.
+void fetchAndUnpack(const std::string& url, const std::string& identifier, RuleArchive::ProgressHandler progress,
+                    RuleArchive::Completion completion) {
+    const std::filesystem::path folder = RuleArchive::downloadDirectory();
     std::error_code failure;
     std::filesystem::create_directories(folder, failure);
     if (failure) {
         logger().error("Error creating directory: %s", failure.message().c_str());
-        if (completionHandler) completionHandler(std::unexpected(Error::make(ErrorCode::fileSystem, failure.message())));
+        if (completion) completion(std::unexpected(Error::make(ErrorCode::fileSystem, failure.message())));
         return;
     }
     const std::filesystem::path destination = folder / lastPathComponent(url);
@@ -84,20 +81,33 @@ void RuleArchive::downloadZippedRules(const std::string& url, const std::string&
     // whether this process may use them (only the host application, and only
     // with a manager installed).
     Downloader::download(
-        url, destination, identifier, std::move(progressHandler),
-        [destination, completion = std::move(completionHandler)](Downloader::DownloadResult result) {
+        url, destination, identifier, std::move(progress),
+        [destination, completion = std::move(completion)](Downloader::DownloadResult result) {
             std::expected<void, Error> outcome;
             if (!result.isSuccess()) {
                 outcome = std::unexpected(
                     result.error.value_or(Error::make(ErrorCode::transport, "The download failed")));
             } else {
-                outcome = unzipDownloadedArchive(destination);
+                outcome = RuleArchive::unzipDownloadedArchive(destination);
                 // The archive was only a carrier for the files just unpacked.
                 removeIgnoringErrors(destination);
             }
             alreadyDownloaded.store(outcome.has_value());
             if (completion) completion(std::move(outcome));
         });
+}
+
+}  // namespace
+
+void RuleArchive::downloadZippedRules(const std::string& url, const std::string& identifier,
+                                      ProgressHandler progressHandler, Completion completionHandler) {
+    if (answerIfAlreadyDownloaded(url)) {
+        platform::DispatchQueue::main().async([completion = std::move(completionHandler)] {
+            if (completion) completion({});
+        });
+        return;
+    }
+    fetchAndUnpack(url, identifier, std::move(progressHandler), std::move(completionHandler));
 }
 
 bool RuleArchive::isDownloadedFiltersZipArchiveExistLocally() {
@@ -161,7 +171,9 @@ public:
     void downloadZippedRules(std::string identifier, std::function<void(bool downloaded)> completion) override {
         const std::string url = UpdateSettings::url(UpdateSettings::filterServerBaseURL(), UpdateSettings::archivePath);
         // Answered here rather than through the main queue, which a reading
-        // command may not be driving.
+        // command may not be driving; for the same reason the download below
+        // goes around RuleArchive::downloadZippedRules, whose answer for an
+        // archive unpacked meanwhile would wait for the main queue.
         if (answerIfAlreadyDownloaded(url)) {
             if (completion) completion(true);
             return;
@@ -171,7 +183,7 @@ public:
             waiting_.push_back(std::move(completion));
             if (waiting_.size() > 1) return;
         }
-        RuleArchive::downloadZippedRules(url, identifier, {}, [this](std::expected<void, Error> result) {
+        fetchAndUnpack(url, identifier, {}, [this](std::expected<void, Error> result) {
             std::vector<std::function<void(bool)>> completions;
             {
                 std::lock_guard lock(mutex_);

@@ -120,6 +120,25 @@ TEST_F(ArchiveTest, CreatesTheFolderAndKeepsSubfoldersInside) {
     EXPECT_EQ(folderContents(folder), (std::map<std::string, std::string>{{"lists/a.json", "[1]"}}));
 }
 
+TEST_F(ArchiveTest, AMoveThatFailsPartWayPutsBackWhatWasMoved) {
+    const fs::path folder = installedFolder();
+    // A folder where the archive has a file: that file cannot be moved into
+    // place, after a new file and a replacement already were.
+    fs::create_directories(folder / "block-international.json");
+    ASSERT_TRUE(platform::writeFileAtomically(folder / "block-international.json" / "keep", "x").has_value());
+    const auto before = folderContents(folder);
+
+    auto result = unpackArchive(writeArchive({{"brand-new.json", "[]", false},
+                                              {"block-ads.json", "new ads", false},
+                                              {"block-international.json", "[]", false},
+                                              {"hosts.txt", "new hosts", false}}),
+                                folder, withPassword(password));
+    ASSERT_FALSE(result.has_value());
+    EXPECT_EQ(result.error().code, ErrorCode::fileSystem) << result.error().description;
+    EXPECT_EQ(folderContents(folder), before);
+    EXPECT_TRUE(strays(folder).empty());
+}
+
 TEST_F(ArchiveTest, RefusesWrongPasswordTruncatedAndCorruptArchives) {
     expectRefused(writeArchive(ruleSet, {"SomethingElseEntirely"}), ErrorCode::unzip);
     // An encrypted archive opened without any password.

@@ -27,10 +27,13 @@ protected:
                 std::lock_guard lock(mutex);
                 result = delivered;
             });
-        EXPECT_TRUE(tamsel::testing::waitUntil([&] {
-            std::lock_guard lock(mutex);
-            return result.has_value();
-        }, std::chrono::seconds(30)));
+        EXPECT_TRUE(tamsel::testing::waitUntil(
+            [&] {
+                timeOutHeldRequests();
+                std::lock_guard lock(mutex);
+                return result.has_value();
+            },
+            std::chrono::seconds(30)));
         std::lock_guard lock(mutex);
         return result.value_or(DownloadResult::failure(std::nullopt));
     }
@@ -60,7 +63,7 @@ TEST_F(DownloaderTest, ReplacesTheDestinationWithTheWholeBody) {
 }
 
 TEST_F(DownloaderTest, AFailedDownloadLeavesTheDestinationAndNoTemporaryFile) {
-    Downloader::setRequestTimeout(std::chrono::milliseconds(500));
+    letStalledRequestsTimeOut_ = true;
     const fs::path destination = target_ / "data.zip";
     ASSERT_TRUE(platform::writeFileAtomically(destination, "previous archive"));
     for (Fault fault : {Fault::notFound, Fault::serverError, Fault::resetMidTransfer, Fault::noAnswer}) {

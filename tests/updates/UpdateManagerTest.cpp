@@ -1,3 +1,8 @@
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
 #include <atomic>
 #include <thread>
 
@@ -268,13 +273,13 @@ class UpdateFaultTest : public UpdateManagerTest, public ::testing::WithParamInt
 
 TEST_P(UpdateFaultTest, EndsInAnErrorAndLeavesTheInstalledRulesAlone) {
     const FaultCase& faultCase = GetParam();
-    Downloader::setRequestTimeout(500ms);
     installFirstVersion(dayOf(1));
     const auto filesBefore = installedFiles();
 
     server_->setPublicationDate(dayOf(2));
     server_->setFault(faultCase.endpoint, faultCase.fault);
     auto manager = makeManager(faultCase.legacy);
+    letStalledRequestsTimeOut_ = true;
     const UpdateResult result = check(*manager);
 
     ASSERT_EQ(result.kind, Kind::error);
@@ -333,14 +338,60 @@ INSTANTIATE_TEST_SUITE_P(
                   "Cloud file version was not found", false}),
     [](const ::testing::TestParamInfo<FaultCase>& info) { return std::string(info.param.name); });
 
+// A loopback port that refuses connections while the object lives: bound,
+// so that no other process can take it, and never listening.
+class RefusingPort {
+public:
+    RefusingPort() : fd_(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        socklen_t length = sizeof address;
+        if (fd_ < 0 || ::bind(fd_, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
+            ::getsockname(fd_, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
+            return;
+        }
+        port_ = ntohs(address.sin_port);
+    }
+    ~RefusingPort() {
+        if (fd_ >= 0) ::close(fd_);
+    }
+    RefusingPort(const RefusingPort&) = delete;
+    RefusingPort& operator=(const RefusingPort&) = delete;
+
+    std::uint16_t port() const { return port_; }
+
+private:
+    int fd_;
+    std::uint16_t port_ = 0;
+};
+
 TEST_F(UpdateManagerTest, ARefusedConnectionEndsTheCheckWithAnError) {
-    const std::string address = server_->baseURL();
-    server_->stop();
-    auto manager = UpdateManager::make({address, false, reloading_});
-    const UpdateResult result = check(*manager);
-    ASSERT_EQ(result.kind, Kind::error);
-    EXPECT_EQ(result.error->code, ErrorCode::transport);
+    const RefusingPort refusing;
+    ASSERT_NE(refusing.port(), 0);
+    for (const bool legacy : {false, true}) {
+        SCOPED_TRACE(legacy ? "legacy" : "manifest");
+        auto manager =
+            UpdateManager::make({"http://127.0.0.1:" + std::to_string(refusing.port()), legacy, reloading_});
+        const UpdateResult result = check(*manager);
+        ASSERT_EQ(result.kind, Kind::error);
+        EXPECT_EQ(result.error->code, legacy ? ErrorCode::headerFieldsNotFound : ErrorCode::transport);
+        EXPECT_FALSE(manager->isCurrentlyUpdating());
+    }
     EXPECT_TRUE(log_.contains("Metadata download failed. Response: nil, error: "));
+    EXPECT_TRUE(log_.contains("Header fields were not found in cloud file"));
+    EXPECT_TRUE(notifications().empty());
+}
+
+// A stopped server must really stop, however soon after its start.
+TEST(FilterServerTest, StopsRightAfterStarting) {
+    tamsel::testing::TemporaryDirectory root;
+    ASSERT_TRUE(platform::writeFileAtomically(root / "block-ads.json", "{}").has_value());
+    for (int i = 0; i < 20; ++i) {
+        FilterServer server({root.path()});
+        ASSERT_TRUE(server.start().has_value());
+        server.stop();
+    }
 }
 
 // MARK: - The background-assets side's archive and the package reader's seam

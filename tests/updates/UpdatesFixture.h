@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <chrono>
 #include <filesystem>
 #include <map>
@@ -20,6 +21,7 @@
 #include "support/TestSupport.h"
 #include "updates/Downloader.h"
 #include "updates/FilterServer.h"
+#include "updates/HTTPClient.h"
 #include "updates/RuleArchive.h"
 #include "updates/UpdateManager.h"
 
@@ -33,12 +35,19 @@ using tamsel::testing::LogCapture;
 using tamsel::testing::ScopedDataRoot;
 using tamsel::testing::TemporaryDirectory;
 
+// The time the requests' stall timers read while a test runs: it stands
+// still unless the test moves it, so no request times out by accident of
+// scheduling. Static, because a transfer thread may read it after its test.
+inline std::atomic<std::chrono::steady_clock::rep> stallTimerNow{0};
+
 class UpdatesFixture : public ::testing::Test {
 protected:
     void SetUp() override {
         RuleArchive::resetAlreadyDownloaded();
         settings::App::setIsMacMainApp(false);
-        Downloader::setRequestTimeout(10s);
+        HTTPClient::setTimeSource([] {
+            return std::chrono::steady_clock::time_point(std::chrono::steady_clock::duration(stallTimerNow.load()));
+        });
         const fs::path packages = fs::path(TAMSEL_SOURCE_DIR) / "resources" / "packages";
         for (const auto& entry : fs::directory_iterator(packages)) {
             // The user's own rules never come from the server.
@@ -67,7 +76,18 @@ protected:
         platform::MainRunLoop::drain();
         RuleArchive::resetAlreadyDownloaded();
         RuleArchive::setMaximumUnpackedSize(std::uint64_t{1} << 30);
-        Downloader::setRequestTimeout(60s);
+        HTTPClient::setTimeSource({});
+    }
+
+    // While the server holds a request (Fault::noAnswer), moves the stall
+    // timers' time past the request time-out, so that the waiting request
+    // gives up; requests that are not held are unaffected. Called while
+    // waiting for a result when letStalledRequestsTimeOut_ is set.
+    void timeOutHeldRequests() {
+        if (!letStalledRequestsTimeOut_ || server_->heldRequestCount() == 0) return;
+        const auto step = std::chrono::duration_cast<std::chrono::steady_clock::duration>(
+            Downloader::requestTimeout() + std::chrono::seconds(1));
+        stallTimerNow += step.count();
     }
 
     void publish(const std::string& name, const std::string& bytes) {
@@ -86,7 +106,12 @@ protected:
             EXPECT_TRUE(platform::MainRunLoop::isMainThread());
             result = std::move(delivered);
         });
-        EXPECT_TRUE(platform::MainRunLoop::runUntil([&] { return result.has_value(); }, 30s));
+        EXPECT_TRUE(platform::MainRunLoop::runUntil(
+            [&] {
+                timeOutHeldRequests();
+                return result.has_value();
+            },
+            30s));
         return result.value_or(UpdateResult::failure(Error::make(ErrorCode::transport, "no result")));
     }
 
@@ -135,6 +160,7 @@ protected:
     TemporaryDirectory published_;
     LogCapture log_;
     std::unique_ptr<FilterServer> server_;
+    bool letStalledRequestsTimeOut_ = false;
     std::shared_ptr<storage::RecordingExtensionReloading> reloading_ =
         std::make_shared<storage::RecordingExtensionReloading>();
 
