@@ -314,6 +314,47 @@ TEST_F(DataManagerTest, LoadAllPackagesFillsEveryListFromTheFiles) {
     EXPECT_FALSE(manager.generalPackages()[0].rules.empty());
 }
 
+TEST_F(DataManagerTest, BrokenFilesLoadAsPlaceholdersAndDefaultsAndAreNamed) {
+    const auto filters = storage::PathProvider::filtersFolderURL();
+    const auto put = [&filters](JSONFileName file, const std::string& bytes) {
+        ASSERT_TRUE(platform::writeFileAtomically(filters / model::fileName(file), bytes));
+    };
+    std::filesystem::create_directories(filters);
+    for (const char* id : {"block-ads", "block-annoyances", "block-comments", "block-adult"}) {
+        put(*model::fromRawValue<JSONFileName>(id), model::encodePackage(package(id, {blockRule(std::string(id) + "-1")})));
+    }
+    const std::string regional = model::encodePackages({package("block-german", {blockRule("g1")})});
+    put(JSONFileName::blockTrackers, "");
+    put(JSONFileName::blockSocial, model::encodePackage(package("block-social", {blockRule("s1")})).substr(0, 40));
+    put(JSONFileName::blockInternational, regional.substr(0, regional.size() - 2));
+    put(JSONFileName::blockConfigurable, "");
+    put(JSONFileName::blockCustom, "\xFF\xFE not a package list");
+
+    manager.loadAllPackages();
+
+    const auto general = manager.generalPackages();
+    EXPECT_THAT(idsOf(general), ElementsAre("block-ads", "block-trackers", "block-annoyances", "block-social",
+                                            "block-comments", "block-adult"));
+    for (std::size_t broken : {1u, 3u}) {
+        EXPECT_EQ(general[broken].name, "some-name");
+        EXPECT_THAT(general[broken].rules, IsEmpty());
+    }
+    EXPECT_THAT(ruleIDsOf(general[5]), ElementsAre("block-adult-1"));
+    EXPECT_THAT(manager.internationalPackages(), IsEmpty());
+    EXPECT_THAT(idsOf(manager.configurablePackages()),
+                ElementsAre("whitelist", "block-url", "block-cookies", "hide-elements", "make-https"));
+    EXPECT_THAT(manager.customPackages(), IsEmpty());
+
+    for (const char* line : {"Package file block-trackers is empty", "block-trackers doesn't exist on disk.",
+                             "Failed to decode package file block-social. Error: ", "block-social doesn't exist on disk.",
+                             "Failed to decode package file block-international. Error: ",
+                             "Package file block-configurable is empty",
+                             "Failed to decode package file block-custom. Error: "}) {
+        EXPECT_TRUE(log.contains(line)) << line;
+    }
+    EXPECT_FALSE(log.contains("block-ads doesn't exist on disk."));
+}
+
 TEST_F(DataManagerTest, ThePreferenceManagerReadsThisInstancesWhitelist) {
     manager.setConfigurablePackages({package("whitelist", {whitelistRule("w1")})});
     auto preferences = manager.preferenceManager();

@@ -235,6 +235,58 @@ TEST_F(ListFilesTest, UndecodableListGivesNothing) {
     EXPECT_TRUE(log.contains("Failed to decode package file block-custom. Error: "));
 }
 
+TEST_F(ListFilesTest, UnusableListFilesGiveNoPackagesAndAreNamed) {
+    const std::string valid = model::encodePackages({makePackage("block-german", "German", 3)});
+    struct Case {
+        const char* what;
+        std::string bytes;
+        std::string logged;  // %s: the file's name
+
+        std::string line(const std::string& file) const {
+            std::string text = logged;
+            return text.replace(text.find("%s"), 2, file);
+        }
+    };
+    const std::vector<Case> cases{
+        {"zero bytes", "", "Package file %s is empty"},
+        {"truncated", valid.substr(0, valid.size() - 7), "Failed to decode package file %s. Error: "},
+        {"one package, not a list", model::encodePackage(makePackage("block-german", "German")),
+         "Failed to decode package file %s. Error: "},
+        {"not UTF-8", "[{\"id\":\"block-german\",\"name\":\"\xC3\x28\",\"rules\":[]}]",
+         "Failed to decode package file %s. Error: "},
+        {"not JSON", "\x89PNG\r\n\x1A\n", "Failed to decode package file %s. Error: "},
+    };
+    // Lines of this case only: the capture keeps those of the earlier ones.
+    const auto occurrences = [this](const std::string& text) {
+        const auto messages = log.messages();
+        return std::count_if(messages.begin(), messages.end(),
+                             [&](const std::string& message) { return message.find(text) != std::string::npos; });
+    };
+    for (const Case& fault : cases) {
+        SCOPED_TRACE(fault.what);
+        const std::vector<std::string> files{"block-international", "block-custom", "block-configurable"};
+        std::vector<long> seen;
+        for (const auto& file : files) seen.push_back(occurrences(fault.line(file)));
+        writeRaw(filterFile(JSONFileName::blockInternational), fault.bytes);
+        writeRaw(filterFile(JSONFileName::blockCustom), fault.bytes);
+        writeRaw(filterFile(JSONFileName::blockConfigurable), fault.bytes);
+
+        EXPECT_TRUE(await(PersistentStore::readInternationalPackages).empty());
+        EXPECT_TRUE(await(PersistentStore::readCustomPackages).empty());
+        // The configurable packages fall back to their empty defaults.
+        const auto configurable = await(PersistentStore::readConfigurablePackages);
+        EXPECT_EQ(ids(configurable), (std::vector<std::string>{"whitelist", "block-url", "block-cookies",
+                                                               "hide-elements", "make-https"}));
+        for (const auto& package : configurable) EXPECT_TRUE(package.rules.empty()) << package.id;
+        // Each file is named once, with what is wrong with it.
+        for (std::size_t i = 0; i < files.size(); ++i) {
+            EXPECT_EQ(occurrences(fault.line(files[i])), seen[i] + 1) << files[i];
+        }
+    }
+    // The file is there, only broken: fetching the rule set again would not mend it.
+    EXPECT_EQ(downloader->requestCount(), 0u);
+}
+
 // --- Configurable packages ----------------------------------------------------------
 
 using ConfigurablePackagesTest = StorageTest;

@@ -3,7 +3,11 @@
 #include <fcntl.h>
 #include <linux/fs.h>
 #include <sys/ioctl.h>
+#include <sys/resource.h>
 #include <unistd.h>
+
+#include <algorithm>
+#include <csignal>
 
 #include "PersistentStoreTestSupport.h"
 #include "platform/Files.h"
@@ -59,6 +63,41 @@ private:
     fs::path path_;
     bool active_ = false;
 };
+
+// Caps the size of any file this process writes for as long as it lives, so
+// that a write stops half-way the way it does on a full disk. Unlike
+// permission bits, the limit holds for root too (the tests run as root).
+// Writing past it fails with EFBIG; the signal the kernel would also send is
+// ignored meanwhile.
+class FileSizeLimit {
+public:
+    explicit FileSizeLimit(rlim_t bytes) {
+        previousHandler_ = std::signal(SIGXFSZ, SIG_IGN);
+        active_ = ::getrlimit(RLIMIT_FSIZE, &previous_) == 0;
+        if (active_) {
+            rlimit limited = previous_;
+            limited.rlim_cur = bytes;
+            active_ = ::setrlimit(RLIMIT_FSIZE, &limited) == 0;
+        }
+    }
+    ~FileSizeLimit() {
+        if (active_) ::setrlimit(RLIMIT_FSIZE, &previous_);
+        std::signal(SIGXFSZ, previousHandler_);
+    }
+    bool active() const { return active_; }
+
+private:
+    rlimit previous_{};
+    bool active_ = false;
+    void (*previousHandler_)(int) = SIG_DFL;
+};
+
+std::vector<fs::path> folderContents(const fs::path& folder) {
+    std::vector<fs::path> names;
+    for (const auto& entry : fs::directory_iterator(folder)) names.push_back(entry.path().filename());
+    std::sort(names.begin(), names.end());
+    return names;
+}
 
 Result prepend(const model::Blocker& blocker) {
     std::optional<Result> result;
@@ -116,6 +155,66 @@ TEST_F(PackageWritingTest, ReadOnlyFiltersFolderFailsAndKeepsTheOldFileWhole) {
     ASSERT_FALSE(single);
     EXPECT_EQ(single.error().kind, WritingToFileError::Kind::failedCreateFile);
     EXPECT_FALSE(fs::exists(filterFile(JSONFileName::blockAds)));
+}
+
+TEST_F(PackageWritingTest, WritesThatStopHalfwayKeepTheOldFilesWhole) {
+    // Small files first; then every file grows past the size limit, so each
+    // write fails after it has written part of its bytes. A writer that
+    // replaced the file in place would leave it cut off.
+    const fs::path listPath = filterFile(JSONFileName::blockCustom);
+    const fs::path generalPath = filterFile(JSONFileName::blockAds);
+    const fs::path safariPath = PathProvider::safariJSONFilePath(ExtensionType::blockAds);
+    ASSERT_TRUE(PersistentStore::write(std::vector<Package>{makePackage("mine", "Mine", 2)}, JSONFileName::blockCustom));
+    ASSERT_TRUE(PersistentStore::write(makePackage("block-ads", "Ads", 2), JSONFileName::blockAds));
+    ASSERT_TRUE(PersistentStore::write(std::vector{blockBlocker("^https?://a\\.example/")}, ExtensionType::blockAds));
+    const std::string listBefore = readRaw(listPath);
+    const std::string generalBefore = readRaw(generalPath);
+    const std::string safariBefore = readRaw(safariPath);
+    const auto filtersBefore = folderContents(PathProvider::filtersFolderURL());
+
+    const Package big = makePackage("block-ads", "Ads", 2'000);
+    std::vector<model::Blocker> bigBlockers;
+    for (const auto& rule : big.rules) bigBlockers.push_back(rule.blocker);
+    PersistentStore::WriteResult list, general, safari;
+    {
+        FileSizeLimit limit(16 * 1024);
+        ASSERT_TRUE(limit.active());
+        list = PersistentStore::write(std::vector<Package>{big}, JSONFileName::blockCustom);
+        general = PersistentStore::write(big, JSONFileName::blockAds);
+        safari = PersistentStore::write(bigBlockers, ExtensionType::blockAds);
+    }
+
+    ASSERT_FALSE(list);
+    EXPECT_EQ(list.error(), WritingToFileError::failedCreateFile(listPath));
+    ASSERT_FALSE(general);
+    EXPECT_EQ(general.error(), WritingToFileError::failedCreateFile(generalPath));
+    ASSERT_FALSE(safari);
+    EXPECT_EQ(safari.error(), WritingToFileError::failedCreateFile(safariPath));
+    EXPECT_TRUE(logged(LogLevel::error, "Failed write to the file at " + listPath.string()));
+    EXPECT_TRUE(logged(LogLevel::error, "Could not write 2000 blockers to Safari JSON file in shared container: " +
+                                            safariPath.string()));
+
+    EXPECT_EQ(readRaw(listPath), listBefore);
+    EXPECT_EQ(readRaw(generalPath), generalBefore);
+    EXPECT_EQ(readRaw(safariPath), safariBefore);
+    // No half-written temporary file is left for a reader to stumble on.
+    EXPECT_EQ(folderContents(PathProvider::filtersFolderURL()), filtersBefore);
+    EXPECT_EQ(folderContents(PathProvider::safariJSONFolderURL()), std::vector<fs::path>{safariPath.filename()});
+}
+
+TEST_F(PackageWritingTest, FolderStandingWherePackageFileShouldBeIsLeftAlone) {
+    // A file name taken by a folder cannot be replaced, not even by root.
+    const fs::path path = filterFile(JSONFileName::blockConfigurable);
+    fs::create_directories(path);
+    writeRaw(path / "keep.txt", "kept");
+
+    auto written = PersistentStore::write(std::vector<Package>{makePackage("whitelist", "Whitelist")},
+                                          JSONFileName::blockConfigurable);
+    ASSERT_FALSE(written);
+    EXPECT_EQ(written.error(), WritingToFileError::failedCreateFile(path));
+    EXPECT_TRUE(fs::is_directory(path));
+    EXPECT_EQ(readRaw(path / "keep.txt"), "kept");
+    EXPECT_EQ(folderContents(PathProvider::filtersFolderURL()), std::vector<fs::path>{path.filename()});
 }
 
 TEST_F(PackageWritingTest, SharingWithoutAPathWritesNothing) {
