@@ -1,5 +1,6 @@
 #include "host/Command.h"
 
+#include "host/ConsoleRouting.h"
 #include "host/SubstituteHost.h"
 #include "platform/DataRoot.h"
 #include "platform/Log.h"
@@ -68,6 +69,10 @@ int CommandLine::run(int argc, const char* const* argv) {
     const CommandAction* action = chosenAction();
     if (action == nullptr) return reportUsageError("no command given (see tamsel --help)");
     installSubstituteHost();
+    // Standard output belongs to the commands' own results; the product's
+    // console lines (compile and reload traces among them) go to standard
+    // error with -v and nowhere otherwise.
+    ConsoleToStandardError productLines(options_.verbose);
     int status = exitSuccess;
     try {
         status = (*action)();

@@ -26,6 +26,11 @@ ConsoleToStandardError::ConsoleToStandardError(bool keepConsoleLines) {
         /*silence=*/true);
 }
 
-ConsoleToStandardError::~ConsoleToStandardError() { platform::setLogSink(std::move(previous_)); }
+ConsoleToStandardError::~ConsoleToStandardError() {
+    // The only sinks the program installs are these routings, and each one
+    // silences the streams; an outer routing does so again once it is back.
+    const bool silence = static_cast<bool>(previous_);
+    platform::setLogSink(std::move(previous_), silence);
+}
 
 }  // namespace tamsel::host

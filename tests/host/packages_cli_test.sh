@@ -209,9 +209,9 @@ finish
 begin "import refuses a configurable identifier"
 tamsel export whitelist --to "$WORK/whitelist.tmsl"
 cp "$FILTERS/block-custom.json" "$WORK/custom-before.json"
-tamsel import "$WORK/whitelist.tmsl"
+tamsel -v import "$WORK/whitelist.tmsl"
 expect_status 1
-expect_stdout_contains "There's already a configurable package with ID whitelist"
+expect_stderr_contains "There's already a configurable package with ID whitelist"
 expect_stderr_contains "tamsel: not imported: whitelist is the identifier of a configurable package"
 cmp -s "$FILTERS/block-custom.json" "$WORK/custom-before.json" || problem "the custom file changed"
 finish
