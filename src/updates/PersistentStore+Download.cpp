@@ -2,6 +2,7 @@
 // for why they live in this folder rather than in storage).
 #include <atomic>
 #include <mutex>
+#include <optional>
 #include <vector>
 
 #include "platform/DataRoot.h"
@@ -168,8 +169,19 @@ namespace {
 // Joins the requests that arrive while a download runs into that download.
 class ArchiveDownloader : public storage::FilterArchiveDownloading {
 public:
+    void setBaseURL(std::optional<std::string> baseURL) {
+        std::lock_guard lock(mutex_);
+        baseURL_ = std::move(baseURL);
+    }
+
     void downloadZippedRules(std::string identifier, std::function<void(bool downloaded)> completion) override {
-        const std::string url = UpdateSettings::url(UpdateSettings::filterServerBaseURL(), UpdateSettings::archivePath);
+        std::optional<std::string> baseURL;
+        {
+            std::lock_guard lock(mutex_);
+            baseURL = baseURL_;
+        }
+        const std::string url =
+            UpdateSettings::url(baseURL.value_or(UpdateSettings::filterServerBaseURL()), UpdateSettings::archivePath);
         // Answered here rather than through the main queue, which a reading
         // command may not be driving; for the same reason the download below
         // goes around RuleArchive::downloadZippedRules, whose answer for an
@@ -197,13 +209,15 @@ public:
 
 private:
     std::mutex mutex_;
+    std::optional<std::string> baseURL_;
     std::vector<std::function<void(bool)>> waiting_;
 };
 
 }  // namespace
 
-void installArchiveDownloader() {
+void installArchiveDownloader(std::optional<std::string> baseURL) {
     static const auto downloader = std::make_shared<ArchiveDownloader>();
+    downloader->setBaseURL(std::move(baseURL));
     storage::FilterArchiveDownloading::setShared(downloader);
 }
 

@@ -4,6 +4,7 @@
 #include <expected>
 #include <filesystem>
 #include <functional>
+#include <optional>
 #include <string>
 
 #include "updates/UpdateError.h"
@@ -77,9 +78,11 @@ public:
 };
 
 // Makes storage::FilterArchiveDownloading::shared() download for real, from
-// UpdateSettings::filterServerBaseURL(). Concurrent requests (the general
-// package files are read side by side) share one download. Idempotent; the
-// host calls it once at start-up.
-void installArchiveDownloader();
+// `baseURL`, or with none from UpdateSettings::filterServerBaseURL() at each
+// request. Concurrent requests (the general package files are read side by
+// side) share one download, and once this process has unpacked an archive
+// they are answered at once, on the calling thread. Idempotent; the host
+// calls it at start-up.
+void installArchiveDownloader(std::optional<std::string> baseURL = std::nullopt);
 
 }  // namespace tamsel::updates

@@ -1,0 +1,226 @@
+#!/usr/bin/env bash
+# End-to-end checks of `tamsel filter-server` and `tamsel update`: a loopback
+# filter server publishes the sample package files, and updates install them
+# under a temporary data root.
+#
+#   bash tests/host/update_cli_test.sh <path-to-tamsel> <source-dir>
+set -u
+
+if [ $# -ne 2 ]; then
+    echo "usage: $0 <path-to-tamsel> <source-dir>" >&2
+    exit 2
+fi
+TAMSEL=$1
+SOURCE=$2
+WORK=$(mktemp -d "${TMPDIR:-/tmp}/tamsel-update-XXXXXX")
+SERVERS=""
+cleanup() {
+    for pid in $SERVERS; do kill "$pid" 2>/dev/null; done
+    for pid in $SERVERS; do wait "$pid" 2>/dev/null; done
+    rm -rf "$WORK"
+}
+trap cleanup EXIT
+
+PUBLISHED=$WORK/published
+DATA=$WORK/home
+FILTERS="$DATA/group/Library/Application Support/Filters"
+SAFARI_JSON="$DATA/group/Library/Application Support/Safari JSON"
+FIRST_VERSION="Tue, 05 Mar 2024 12:34:56 GMT"
+SECOND_VERSION="Wed, 06 Mar 2024 08:00:00 GMT"
+
+passed=0
+failed=0
+current=""
+problems=""
+
+# tamsel ARGS...: leaves the exit status in $status, standard output in
+# $WORK/out and standard error in $WORK/err.
+tamsel() {
+    "$TAMSEL" --home "$DATA" "$@" >"$WORK/out" 2>"$WORK/err"
+    status=$?
+}
+
+# start_server ARGS...: runs `tamsel filter-server ARGS...` in the
+# background and leaves its address in $URL (empty when it did not start).
+servers_started=0
+start_server() {
+    servers_started=$((servers_started + 1))
+    local out=$WORK/server-$servers_started
+    "$TAMSEL" --home "$WORK/server-home" filter-server "$@" >"$out.out" 2>"$out.err" &
+    local pid=$!
+    SERVERS="$SERVERS $pid"
+    URL=""
+    for _ in $(seq 1 300); do
+        URL=$(grep -m 1 -E '^http://127\.0\.0\.1:[0-9]+$' "$out.out")
+        [ -n "$URL" ] && return 0
+        kill -0 "$pid" 2>/dev/null || return 1
+        sleep 0.1
+    done
+    return 1
+}
+
+begin() {
+    current=$1
+    problems=""
+}
+problem() { problems="$problems
+    $1"; }
+finish() {
+    if [ -z "$problems" ]; then
+        passed=$((passed + 1))
+    else
+        failed=$((failed + 1))
+        echo "FAILED: $current$problems"
+        echo "    --- stdout:"; sed 's/^/    | /' "$WORK/out" | head -20
+        echo "    --- stderr:"; sed 's/^/    | /' "$WORK/err" | tail -20
+    fi
+}
+
+expect_status() { [ "$status" -eq "$1" ] || problem "exit status $status, expected $1"; }
+expect_stdout_contains() { grep -qF -- "$1" "$WORK/out" || problem "stdout lacks '$1'"; }
+expect_stdout_lacks() { ! grep -qF -- "$1" "$WORK/out" || problem "stdout has '$1'"; }
+expect_stderr_contains() { grep -qF -- "$1" "$WORK/err" || problem "stderr lacks '$1'"; }
+expect_stdout_line() { grep -qxF -- "$1" "$WORK/out" || problem "stdout lacks the line '$1'"; }
+# The filters folder holds exactly the published files, byte for byte.
+expect_installed_as_published() {
+    local published installed
+    published=$(cd "$PUBLISHED" && ls | sort)
+    installed=$(cd "$FILTERS" 2>/dev/null && ls | sort)
+    [ "$published" = "$installed" ] || problem "installed files differ: $(echo $installed)"
+    for file in $published; do
+        cmp -s "$PUBLISHED/$file" "$FILTERS/$file" || problem "$file differs from the published one"
+    done
+}
+# Nothing of a download or an unpack is left behind.
+expect_no_strays() {
+    local strays
+    strays=$(find "$DATA" \( -name '.*.download-*' -o -name '.*.unpacking-*' -o -name 'data.zip' \) -print)
+    [ -z "$strays" ] || problem "left behind: $strays"
+}
+snapshot_filters() { (cd "$FILTERS" && for f in *; do echo "$f $(cksum <"$f")"; done) >"$WORK/$1"; }
+expect_filters_as() {
+    snapshot_filters now
+    cmp -s "$WORK/$1" "$WORK/now" || problem "the installed files changed"
+}
+expect_version() {
+    "$TAMSEL" --home "$DATA" defaults read localVersion >"$WORK/version" 2>/dev/null
+    grep -qF -- "$1" "$WORK/version" || problem "localVersion is '$(cat "$WORK/version")', expected '$1'"
+}
+
+# ------------------------------------------------------------- the rule set
+
+mkdir -p "$PUBLISHED"
+for file in "$SOURCE"/resources/packages/*.json; do
+    # The user's own rules never come from the server.
+    [ "$(basename "$file")" = block-custom.json ] || cp "$file" "$PUBLISHED/"
+done
+printf '0.0.0.0 ads.example\n' >"$PUBLISHED/hosts.txt"
+# The server publishes the newest modification time as the version.
+touch -d "2024-03-05 12:34:56 UTC" "$PUBLISHED"/*
+
+begin "filter-server prints its address and serves"
+if start_server --root "$PUBLISHED" --port 0; then
+    MAIN_URL=$URL
+else
+    problem "the filter server did not print its address"
+    MAIN_URL=http://127.0.0.1:9
+fi
+finish
+
+# ------------------------------------------------------------ first install
+
+begin "update --no-reload installs the published files and records the version"
+tamsel update --server "$MAIN_URL" --no-reload
+expect_status 0
+expect_stdout_line "result: success"
+expect_stdout_line "version: $FIRST_VERSION"
+# Standard output is no terminal here: plain progress lines.
+expect_stdout_contains "progress: 100%"
+expect_installed_as_published
+expect_no_strays
+expect_version "$FIRST_VERSION"
+[ -z "$(ls -A "$SAFARI_JSON" 2>/dev/null)" ] || problem "--no-reload wrote Safari JSON files"
+finish
+
+begin "a second update finds no new rules"
+snapshot_filters first
+tamsel update --server "$MAIN_URL"
+expect_status 0
+expect_stdout_line "result: noNewUpdates"
+expect_stdout_lacks "progress:"
+expect_filters_as first
+finish
+
+begin "update --json prints one object"
+tamsel update --server "$MAIN_URL" --json
+expect_status 0
+expect_stdout_line "{\"result\":\"noNewUpdates\",\"version\":\"$FIRST_VERSION\"}"
+finish
+
+# ------------------------------------------------------------ a new version
+
+printf '{"id":"block-ads","name":"Ads, second edition","rules":[]}' >"$PUBLISHED/block-ads.json"
+touch -d "2024-03-06 08:00:00 UTC" "$PUBLISHED/block-ads.json"
+
+begin "a changed file is a new version, installed with the reload"
+tamsel update --server "$MAIN_URL"
+expect_status 0
+expect_stdout_line "result: success"
+expect_stdout_line "version: $SECOND_VERSION"
+expect_installed_as_published
+expect_no_strays
+expect_version "$SECOND_VERSION"
+finish
+
+# ------------------------------------------------------------------- faults
+
+snapshot_filters second
+for fault in archive=server-error archive=not-found archive=reset archive=truncated archive=wrong-password \
+    archive=zip-slip archive=symlink archive=oversized metadata=not-plist metadata=server-error; do
+    begin "a server with $fault leaves the installed rules alone"
+    if start_server --root "$PUBLISHED" --fault "$fault" --date "Thu, 07 Mar 2024 10:00:00 GMT"; then
+        tamsel update --server "$URL"
+        expect_status 1
+        expect_stdout_line "result: error"
+        expect_stderr_contains "tamsel: update failed ("
+        expect_filters_as second
+        expect_no_strays
+        expect_version "$SECOND_VERSION"
+        [ ! -e "$FILTERS/../escaped.json" ] || problem "an entry escaped the filters folder"
+    else
+        problem "the filter server did not start"
+    fi
+    finish
+done
+
+begin "a server that refuses connections is an error"
+# Port 9 (discard) is privileged and has no listener on a test machine.
+tamsel update --server "http://127.0.0.1:9" --no-reload
+expect_status 1
+expect_stdout_line "result: error"
+expect_stderr_contains "update failed (transport)"
+expect_filters_as second
+finish
+
+# ------------------------------------------------------------ bad usage
+
+begin "filter-server needs an existing folder with files"
+tamsel filter-server
+expect_status 2
+tamsel filter-server --root "$WORK/missing"
+expect_status 2
+mkdir -p "$WORK/empty"
+tamsel filter-server --root "$WORK/empty"
+expect_status 1
+expect_stderr_contains "no files to publish"
+finish
+
+begin "filter-server refuses an unknown fault and a malformed date"
+tamsel filter-server --root "$PUBLISHED" --fault archive=sideways
+expect_status 2
+tamsel filter-server --root "$PUBLISHED" --date yesterday
+expect_status 2
+finish
+
+echo "update_cli_test: $passed passed, $failed failed"
+[ "$failed" -eq 0 ]
