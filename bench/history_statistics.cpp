@@ -5,8 +5,9 @@
 //  * bulk insert throughput of the store (records/s),
 //  * a burst of 10,000 single-URL reports through the whole recording
 //    pipeline (page properties, the add queue, the store's writer, the save),
-//  * what the statistics view asks for one period: the three totals, the
-//    all-time series of 30 buckets, the week series and the today series,
+//    and 30,000 reports arriving steadily at 10,000 a second,
+//  * what the statistics view asks for each period: the three totals, the
+//    period's per-extension sums and its chart series (all time: 30 buckets),
 //  * the database's size on disk.
 //
 // Usage: bench_history_statistics [records] [days]
@@ -27,6 +28,7 @@
 #include <filesystem>
 #include <random>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace {
@@ -71,28 +73,47 @@ std::uintmax_t storeSize(const std::filesystem::path& database) {
     return size;
 }
 
+double medianOf(std::vector<double> values) {
+    std::sort(values.begin(), values.end());
+    return values[values.size() / 2];
+}
+
 struct ViewTiming {
-    double totalsMs = 0, allTimeSeriesMs = 0, weekSeriesMs = 0, todaySeriesMs = 0;
-    double sum() const { return totalsMs + allTimeSeriesMs + weekSeriesMs + todaySeriesMs; }
+    double totalsMs = 0;  // the three totals of the popover's counters
+    double periodMs = 0;  // the period's per-extension sums (the category counters) and first-record date
+    double seriesMs = 0;  // the period's chart series
+    double sum() const { return totalsMs + periodMs + seriesMs; }
 };
 
-// Everything the statistics view reads, for any one period.
-ViewTiming timeStatisticsView(const runtime::HistoryStore& history, std::int64_t& checksum) {
+// Everything the statistics view reads when it shows `period`.
+ViewTiming timeStatisticsView(const runtime::HistoryStore& history, runtime::HistoryPeriodType period,
+                              std::int64_t& checksum) {
     ViewTiming timing;
     auto start = Clock::now();
     checksum += history.blockedResourcesCountForToday() + history.blockedResourcesCountForThisWeek() +
                 history.blockedResourcesCountForAllTime();
     timing.totalsMs = millisecondsSince(start);
     start = Clock::now();
-    checksum += static_cast<std::int64_t>(history.averageBlockedResourcesPerDayPerExtension(30)->size());
-    timing.allTimeSeriesMs = millisecondsSince(start);
+    checksum += runtime::total(history.sumBlockedResourcesPerExtension(period).value_or(runtime::ExtensionCounts{}));
+    if (period == runtime::HistoryPeriodType::allTime) {
+        checksum += history.firstBlockedResourceDate().value_or(platform::Date{}).time_since_epoch().count() % 7;
+    }
+    timing.periodMs = millisecondsSince(start);
     start = Clock::now();
-    checksum += static_cast<std::int64_t>(history.averageBlockedPerDayPerExtensionForThisWeek()->size());
-    timing.weekSeriesMs = millisecondsSince(start);
-    start = Clock::now();
-    checksum += static_cast<std::int64_t>(history.averageBlockedPerDayPerExtensionForToday()->size());
-    timing.todaySeriesMs = millisecondsSince(start);
+    auto series = history.chartSeries(period);
+    checksum += series ? static_cast<std::int64_t>(series->size()) : -1;
+    timing.seriesMs = millisecondsSince(start);
     return timing;
+}
+
+// Median (by sum) of `runs` timings of the view for `period`, after one cold run.
+std::pair<ViewTiming, ViewTiming> measureView(const runtime::HistoryStore& history, runtime::HistoryPeriodType period,
+                                              int runs, std::int64_t& checksum) {
+    ViewTiming cold = timeStatisticsView(history, period, checksum);
+    std::vector<ViewTiming> warm;
+    for (int run = 0; run < runs; ++run) warm.push_back(timeStatisticsView(history, period, checksum));
+    std::sort(warm.begin(), warm.end(), [](const auto& a, const auto& b) { return a.sum() < b.sum(); });
+    return {cold, warm[warm.size() / 2]};
 }
 
 }  // namespace
@@ -172,25 +193,75 @@ int main(int argc, char** argv) {
                burstReports, handOverMs, burstSeconds, burstReports / burstSeconds,
                saved == burstReports ? "" : " (INCOMPLETE)");
 
+    // --- reports arriving steadily at 10,000 a second ------------------------
+    // A reporter thread keeps to the rate while this thread drives the main
+    // queue, as the extension's main run loop would.
+    constexpr int sustainedReports = 30'000;
+    constexpr auto reportInterval = std::chrono::microseconds(100);
+    const auto storedBefore = history.blockedResourcesCountForAllTime();
+    std::atomic<int> sustainedSaved = 0;
+    std::atomic<bool> reporterDone = false;
+    Clock::time_point lastReport;
+    std::thread reporter([&] {
+        auto page = std::make_shared<platform::StaticSafariPage>(
+            platform::SafariPageProperties{"https://steady.example/feed", "Feed", false, true});
+        auto start = Clock::now();
+        for (int i = 0; i < sustainedReports; ++i) {
+            std::this_thread::sleep_until(start + reportInterval * i);
+            history.addRecords({fmt::format("https://steady.example/beacon?n={}", i)}, page,
+                               pickExtension(random), [&] { ++sustainedSaved; });
+        }
+        lastReport = Clock::now();
+        reporterDone = true;
+    });
+    auto sustainedStart = Clock::now();
+    platform::MainRunLoop::runUntil([&] { return reporterDone && sustainedSaved == sustainedReports; },
+                                    std::chrono::minutes(2));
+    reporter.join();
+    store.waitUntilWritten();
+    const double sustainedSeconds = std::chrono::duration<double>(lastReport - sustainedStart).count();
+    const double drainMs = millisecondsSince(lastReport);
+    const auto storedAfter = history.blockedResourcesCountForAllTime();
+    fmt::print("  steady reports:   {} reports in {:.2f} s ({:.0f}/s), all stored {:.1f} ms after the last; "
+               "{} new records{}\n",
+               sustainedReports, sustainedSeconds, sustainedReports / sustainedSeconds, drainMs,
+               storedAfter - storedBefore, storedAfter - storedBefore == sustainedReports ? "" : " (LOST RECORDS)");
+
     // --- the statistics view -------------------------------------------------
     std::int64_t checksum = 0;
-    ViewTiming cold = timeStatisticsView(history, checksum);
-    std::vector<ViewTiming> warm;
-    for (int run = 0; run < 20; ++run) warm.push_back(timeStatisticsView(history, checksum));
-    std::sort(warm.begin(), warm.end(), [](const auto& a, const auto& b) { return a.sum() < b.sum(); });
-    const ViewTiming& median = warm[warm.size() / 2];
-    fmt::print("  statistics view (3 totals + 30-bucket all-time + week + today series, {} queries):\n",
-               3 + 30 + 7 + 12);
-    fmt::print("    first run:      {:.2f} ms\n", cold.sum());
-    fmt::print("    median of {}:   {:.2f} ms (totals {:.2f}, all-time series {:.2f}, week {:.2f}, today {:.2f})\n",
-               warm.size(), median.sum(), median.totalsMs, median.allTimeSeriesMs, median.weekSeriesMs,
-               median.todaySeriesMs);
-    fmt::print("    worst of {}:    {:.2f} ms\n", warm.size(), warm.back().sum());
+    constexpr int runs = 21;
+    fmt::print("  statistics view per period (3 totals + the period's sums + its chart series), median of {}:\n",
+               runs);
+    for (auto period : model::allCases<runtime::HistoryPeriodType>()) {
+        auto [cold, median] = measureView(history, period, runs, checksum);
+        fmt::print("    {:<9} {:6.2f} ms in all (totals {:.2f}, period sums {:.2f}, series {:.2f}); first run {:.2f} ms\n",
+                   model::rawValue(period), median.sum(), median.totalsMs, median.periodMs, median.seriesMs,
+                   cold.sum());
+    }
+    std::vector<double> everything;
+    for (int run = 0; run < runs; ++run) {
+        auto start = Clock::now();
+        checksum += history.blockedResourcesCountForToday() + history.blockedResourcesCountForThisWeek() +
+                    history.blockedResourcesCountForAllTime();
+        for (auto period : model::allCases<runtime::HistoryPeriodType>()) {
+            checksum += static_cast<std::int64_t>(history.chartSeries(period)->size());
+        }
+        everything.push_back(millisecondsSince(start));
+    }
+    fmt::print("    3 totals + all three series together: {:.2f} ms\n", medianOf(everything));
+
+    // --- the command line's history of one page (no index on page URLs) -----
+    auto pageStart = Clock::now();
+    auto pageRecords = store.blockedResources(pages[7]);
+    fmt::print("  one page's stored records: {} in {:.1f} ms\n", pageRecords ? pageRecords->size() : 0,
+               millisecondsSince(pageStart));
+
     fmt::print("  all-time total {}, today {}, this week {}\n", history.blockedResourcesCountForAllTime(),
                history.blockedResourcesCountForToday(), history.blockedResourcesCountForThisWeek());
     fmt::print("  database size:    {:.1f} MB ({} bytes, {:.0f} bytes/record)\n",
                static_cast<double>(storeSize(store.storeURL())) / 1e6, storeSize(store.storeURL()),
-               static_cast<double>(storeSize(store.storeURL())) / static_cast<double>(recordCount + burstReports));
+               static_cast<double>(storeSize(store.storeURL())) /
+                   static_cast<double>(recordCount + burstReports + sustainedReports));
     fmt::print("  (checksum {})\n", checksum);
 
     std::error_code ignored;

@@ -1,3 +1,4 @@
+#include "runtime/CategoryCounts.h"
 #include "runtime/HistoryStore.h"
 
 #include "HistoryTestSupport.h"
@@ -240,6 +241,18 @@ TEST_F(HistoryStatisticsTest, PeriodsSumTheirOwnRecords) {
     EXPECT_EQ(history.sumBlockedResourcesPerExtension(HistoryPeriodType::thisWeek),
               (ExtensionCounts{{ExtensionType::blockAds, 1}, {ExtensionType::blockTrackers, 1},
                                {ExtensionType::customRules, 1}}));
+}
+
+TEST(CategoryCountsTest, RegionalListsCountAsAdsAndTheUsersOwnRulesAsOthers) {
+    EXPECT_EQ(categoryCounts({}), CategoryCounts{});
+    ExtensionCounts counts;
+    std::int64_t weight = 1;
+    for (auto type : model::allCases<ExtensionType>()) {
+        counts[type] = weight;
+        weight *= 10;
+    }
+    // ads 1 + international 1,000,000; trackers 10; the other five.
+    EXPECT_EQ(categoryCounts(counts), (CategoryCounts{1'000'001, 10, 10'111'100}));
 }
 
 }  // namespace
