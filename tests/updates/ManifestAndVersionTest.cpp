@@ -1,4 +1,5 @@
 #include <gtest/gtest.h>
+#include <plist/plist.h>
 
 #include <chrono>
 #include <clocale>
@@ -117,6 +118,26 @@ TEST(MetadataManifestTest, DecodesAHandWrittenManifestAndIgnoresOtherKeys) {
     EXPECT_EQ(decoded->id, "v4-2024-03-05");
     EXPECT_EQ(decoded->date, at(2024, 3, 5, 12, 34, 56));
     EXPECT_EQ(decoded->size, 1024);
+}
+
+TEST(MetadataManifestTest, DropsTheFractionOfAForeignBinaryManifestsDate) {
+    // A binary manifest as another writer may send it: a real number of
+    // seconds since 2001-01-01, with a fraction.
+    plist_t dictionary = plist_new_dict();
+    plist_dict_set_item(dictionary, "id", plist_new_string("x"));
+    plist_dict_set_item(dictionary, "date", plist_new_date(763389296, 750000));
+    plist_dict_set_item(dictionary, "size", plist_new_uint(7));
+    char* bytes = nullptr;
+    std::uint32_t length = 0;
+    plist_to_bin(dictionary, &bytes, &length);
+    const std::string binary(bytes, length);
+    plist_to_bin_free(bytes);
+    plist_free(dictionary);
+
+    auto decoded = MetadataManifest::decode(binary);
+    ASSERT_TRUE(decoded.has_value()) << decoded.error();
+    EXPECT_EQ(VersionDateFormatter().string(decoded->date), "Tue, 11 Mar 2025 12:34:56 GMT");
+    EXPECT_EQ(decoded->date, at(2025, 3, 11, 12, 34, 56));
 }
 
 TEST(MetadataManifestTest, RejectsEverythingElse) {

@@ -429,6 +429,9 @@ TEST_F(UpdateManagerTest, ThePackageReadersRequestsShareOneDownload) {
     platform::SharedDefaults::shared()->set(platform::Value(server_->baseURL()), "FilterServerBaseURL");
     server_->setFault(Endpoint::archive, Fault::noAnswer);
     installArchiveDownloader();
+    struct Uninstall {
+        ~Uninstall() { storage::FilterArchiveDownloading::setShared(nullptr); }
+    } uninstall;
     auto downloading = storage::FilterArchiveDownloading::shared();
 
     constexpr int readers = 6;
@@ -457,7 +460,6 @@ TEST_F(UpdateManagerTest, ThePackageReadersRequestsShareOneDownload) {
     EXPECT_EQ(next, 1);
     EXPECT_EQ(server_->requestCount(Endpoint::archive), 2u);
     EXPECT_TRUE(log_.contains("Already downloaded filters from "));
-    storage::FilterArchiveDownloading::setShared(nullptr);
 }
 
 }  // namespace
