@@ -78,7 +78,7 @@ constexpr const char* words[] = {
     "ad",      "ads",     "adserver", "adv",     "banner", "track",   "tracker", "pixel",  "promo",  "sponsor",
     "popup",   "stat",    "stats",    "metric",  "beacon", "analytics", "widget", "affil", "click",  "count",
     "media",   "cdn",     "tag",      "tags",    "share",  "social",  "comment", "disqus", "cookie", "consent",
-    "notice",  "overlay", "modal",    "newsletter", "promo", "partner", "rtb",   "bid",    "sync",   "collect"};
+    "notice",  "overlay", "modal",    "newsletter", "sidebar", "partner", "rtb",   "bid",    "sync",   "collect"};
 constexpr const char* genericTLDs[] = {"com", "net", "org", "io", "co", "info", "co.uk", "com.au", "tv", "me"};
 
 model::Date fixedCreationDate() {
@@ -216,7 +216,10 @@ public:
             std::vector<bool> chosen(all.size(), false);
             for (int count = 0; count < wanted;) {
                 const auto index = static_cast<std::size_t>(pick(static_cast<int>(all.size())));
-                if (!chosen[index]) chosen[index] = true, ++count;
+                if (!chosen[index]) {
+                    chosen[index] = true;
+                    ++count;
+                }
             }
             for (std::size_t i = 0; i < all.size(); ++i)
                 if (chosen[i]) partial.push_back(all[i]);
@@ -380,8 +383,6 @@ Package makeWhitelist(RuleGenerator& generator, int domainCount) {
     return Package("whitelist", "Whitelist", std::move(rules), fixedCreationDate());
 }
 
-std::string describe(const storage::PersistentStore::WritingToFileError& error) { return error.description(); }
-
 }  // namespace
 
 std::size_t RuleSet::packageCount() const {
@@ -484,7 +485,7 @@ std::expected<std::vector<WrittenFile>, std::string> writeRuleSet(const RuleSet&
 
     for (std::size_t i = 0; i < set.general.size() && i < generalLists.size(); ++i) {
         if (auto result = PersistentStore::write(set.general[i], generalLists[i].file); !result) {
-            return std::unexpected(describe(result.error()));
+            return std::unexpected(result.error().description());
         }
         record(inFilters(generalLists[i].file));
     }
@@ -495,7 +496,7 @@ std::expected<std::vector<WrittenFile>, std::string> writeRuleSet(const RuleSet&
     };
     for (const auto& [packages, file] : lists) {
         if (auto result = PersistentStore::write(*packages, file); !result) {
-            return std::unexpected(describe(result.error()));
+            return std::unexpected(result.error().description());
         }
         record(inFilters(file));
     }
