@@ -371,6 +371,7 @@ struct CoreDataStore::Impl {
         sqlite3_extended_result_codes(database, 1);
         sqlite3_busy_timeout(database, busyTimeoutMilliseconds);
         struct stat info {};
+        openedFile.reset();
         if (::stat(url.c_str(), &info) == 0) openedFile = {info.st_dev, info.st_ino};
 
         // The schema is checked before anything is written, so that a file of
@@ -502,12 +503,27 @@ struct CoreDataStore::Impl {
                            "empty store",
                            url.c_str(), damage.description.c_str(), aside->c_str());
         }
-        auto failure = openLocked();
-        if (failure) {
+        reopenLocked();
+    }
+
+    void reopenLocked() {
+        closeLocked();
+        if (auto failure = openLocked()) {
             platform::consolePrint("Unresolved error " + failure->description + ", " + failure->userInfo);
             return;
         }
         platform::consolePrint("Core Data stack has been initialized with description: " + description());
+    }
+
+    // When another process has found the file damaged, moved it aside and
+    // started a new store at the path, what this connection wrote to the old
+    // file would be lost to everyone; so before each use the connection
+    // follows the path to whatever file is there now.
+    void followPathLocked() {
+        if (!database || !openedFile) return;
+        struct stat info {};
+        if (::stat(url.c_str(), &info) == 0 && std::pair{info.st_dev, info.st_ino} == *openedFile) return;
+        reopenLocked();
     }
 
     sqlite3_stmt* cachedLocked(Statement& statement, const char* sql, std::optional<StoreError>& failure) {
@@ -544,6 +560,7 @@ struct CoreDataStore::Impl {
         std::optional<StoreError> failure;
         {
             std::lock_guard lock(databaseMutex);
+            followPathLocked();
             failure = writeLocked(batch);
             if (failure && isDamage(failure->code)) {
                 recoverLocked(*failure);
@@ -593,6 +610,7 @@ struct CoreDataStore::Impl {
     template <class Query>
     auto read(const char* operation, Query&& query) -> decltype(query(std::declval<std::optional<StoreError>&>())) {
         std::lock_guard lock(databaseMutex);
+        followPathLocked();
         std::optional<StoreError> failure;
         if (!database) {
             failure = error(SQLITE_CANTOPEN, "The blocked-resources store is not loaded");

@@ -319,6 +319,27 @@ TEST_F(DamagedStoreTest, DamageFoundByALaterQueryIsMovedAsideAndTheStoreGoesOn) 
     EXPECT_EQ(store.blockedResources("https://news.example/article")->size(), 1U);
 }
 
+TEST_F(DamagedStoreTest, WritesFollowTheStoreThatAnotherProcessStartedInPlaceOfTheMovedFile) {
+    makeStoreWithRecords();
+    CoreDataStore store(directory.path(), clock);
+    ASSERT_EQ(total(*store.sumBlockedResourcesPerExtension(std::nullopt, std::nullopt)), 3000);
+
+    // What another process's recovery does: the files go aside, and a new
+    // store appears at the path.
+    for (const char* suffix : {"", "-wal", "-shm"}) {
+        std::error_code ignored;
+        fs::rename(storePath().string() + suffix, storePath().string() + ".corrupt-elsewhere" + suffix, ignored);
+    }
+    { CoreDataStore other(directory.path(), clock); }
+
+    ASSERT_TRUE(insertNow(store, {record(utc(2024, 5, 10), ExtensionType::blockComments)}));
+    EXPECT_EQ(store.sumBlockedResourcesPerExtension(std::nullopt, std::nullopt),
+              (ExtensionCounts{{ExtensionType::blockComments, 1}}));
+    CoreDataStore reader(directory.path(), clock);
+    EXPECT_EQ(reader.sumBlockedResourcesPerExtension(std::nullopt, std::nullopt),
+              (ExtensionCounts{{ExtensionType::blockComments, 1}}));
+}
+
 // The first layout of the store counted hours only.
 constexpr const char* version1SchemaSQL = R"sql(
 CREATE TABLE BlockedResource(id BLOB, date INTEGER, extensionID TEXT, blockedURL TEXT, pageURL TEXT, pageDomain TEXT);
