@@ -146,9 +146,7 @@ void SaveReloadOperation::main() {
     if (reachedCheckpointCancelled()) return;
 
     const auto preferences = dataManager_.preferenceManager();
-    std::vector<model::Blocker> blockers = preferences->findEnabledBlockersRemovingWhitelistRules(packages);
-    packages.clear();
-    packages.shrink_to_fit();
+    std::vector<model::Blocker> blockers = preferences->findEnabledBlockersRemovingWhitelistRules(std::move(packages));
     platform::consolePrint("Found " + std::to_string(blockers.size()) + " enabled rules");
     if (reachedCheckpointCancelled()) return;
 

@@ -277,20 +277,43 @@ void BlockerPreferenceManager::waitForPendingWrites() {
     serialWriteQueue_.sync([] {});
 }
 
-std::vector<model::Blocker> BlockerPreferenceManager::findEnabledBlockersRemovingWhitelistRules(
-    const std::vector<model::Package>& packages) const {
-    const DisabledRules rules = disabledRules();
-    const DisabledPackages disabled = disabledPackages();
+namespace {
+
+// The selection over packages that are copied from (const) or moved from.
+template <class Packages>
+std::vector<model::Blocker> selectEnabledBlockers(Packages&& packages, const DisabledRules& rules,
+                                                  const DisabledPackages& disabled) {
+    std::size_t capacity = 0;
+    for (const model::Package& package : packages) capacity += package.rules.size();
     std::vector<model::Blocker> result;
-    for (const model::Package& package : packages) {
+    result.reserve(capacity);
+    for (auto&& package : packages) {
         if (isPackageDisabled(package, disabled) || package.isConfigurableWhitelist()) continue;
         const model::ExtensionType ownType = package.type();
-        for (const model::Rule& rule : package.rules) {
+        for (auto&& rule : package.rules) {
             if (!isDisabledFast(rule, package.id, rules) && !rule.isWhitelist(ownType)) {
-                result.push_back(rule.blocker);
+                if constexpr (std::is_const_v<std::remove_reference_t<decltype(rule)>>) {
+                    result.push_back(rule.blocker);
+                } else {
+                    result.push_back(std::move(rule.blocker));
+                }
             }
         }
     }
+    return result;
+}
+
+}  // namespace
+
+std::vector<model::Blocker> BlockerPreferenceManager::findEnabledBlockersRemovingWhitelistRules(
+    const std::vector<model::Package>& packages) const {
+    return selectEnabledBlockers(packages, disabledRules(), disabledPackages());
+}
+
+std::vector<model::Blocker> BlockerPreferenceManager::findEnabledBlockersRemovingWhitelistRules(
+    std::vector<model::Package>&& packages) const {
+    auto result = selectEnabledBlockers(packages, disabledRules(), disabledPackages());
+    packages.clear();
     return result;
 }
 

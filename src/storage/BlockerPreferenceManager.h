@@ -99,6 +99,10 @@ public:
     // stands before them, so the compiler appends them at the end.
     std::vector<model::Blocker> findEnabledBlockersRemovingWhitelistRules(
         const std::vector<model::Package>& packages) const;
+    // The same, taking the blockers out of packages that are no longer
+    // needed (the compiler's lists can be tens of megabytes).
+    std::vector<model::Blocker> findEnabledBlockersRemovingWhitelistRules(
+        std::vector<model::Package>&& packages) const;
     // The enabled whitelisting blockers for one extension: the configurable
     // whitelist package's first, then the custom packages'.
     std::vector<model::Blocker> findEnabledWhitelistBlockers(model::ExtensionType extensionType) const;

@@ -1,0 +1,168 @@
+// How fast the eight Safari JSON files are rebuilt, and how much memory that
+// takes, for a data root that holds the benchmark rule set (write one with
+// bench_generate_rule_set first, so that generating it does not count towards
+// the peak):
+//
+//   bench_generate_rule_set --home /tmp/ruleset
+//   bench_compile --home /tmp/ruleset [runs]
+//
+// Measures, with Safari's reloads answered at once:
+//   (a) saveToJSONAndReloadAll: the first run loads the regional,
+//       configurable and custom lists into the data manager; every run reads
+//       the six general files again, as the program does;
+//   (b) the rebuild after one whitelisting rule changed (the whitelist
+//       package feeds every file, so all eight are rebuilt);
+//   (c) the peak resident memory of the whole process, against the bytes of
+//       the package files.
+
+#include <sys/resource.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <functional>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "control/DataManager.h"
+#include "control/ExtensionManager.h"
+#include "model/Package.h"
+#include "platform/DataRoot.h"
+#include "platform/DispatchQueue.h"
+#include "platform/Log.h"
+#include "platform/MainRunLoop.h"
+#include "platform/ProcessMemory.h"
+#include "runtime/settings/App.h"
+#include "storage/PathProvider.h"
+
+namespace {
+
+using namespace tamsel;
+using Seconds = std::chrono::duration<double>;
+
+// Safari that compiles nothing and answers at once.
+class InstantSafari : public platform::ContentBlockerManager {
+public:
+    void reloadContentBlocker(const std::string&, ReloadCompletion completion) override { completion(std::nullopt); }
+    void getStateOfContentBlocker(const std::string&, StateCompletion completion) override {
+        completion(platform::ContentBlockerState{true}, std::nullopt);
+    }
+};
+
+std::uintmax_t folderBytes(const std::filesystem::path& folder, const std::string& extension) {
+    std::uintmax_t bytes = 0;
+    std::error_code error;
+    for (const auto& entry : std::filesystem::directory_iterator(folder, error)) {
+        if (entry.is_regular_file() && entry.path().extension() == extension) bytes += entry.file_size();
+    }
+    return bytes;
+}
+
+double peakResidentMegabytes() {
+    rusage usage{};
+    getrusage(RUSAGE_SELF, &usage);
+    return static_cast<double>(usage.ru_maxrss) / 1024.0;  // kilobytes on Linux
+}
+
+// Runs `request` and the main queue until its completion came; the seconds it took.
+double timed(const std::function<void(storage::ReloadingCompletion)>& request) {
+    std::optional<storage::ReloadingResult> result;
+    const auto start = std::chrono::steady_clock::now();
+    request([&](storage::ReloadingResult r) { result = r; });
+    if (!platform::MainRunLoop::runUntil([&] { return result.has_value(); }, std::chrono::minutes(5))) {
+        std::fprintf(stderr, "bench_compile: the rebuild did not finish\n");
+        std::exit(1);
+    }
+    const double seconds = Seconds(std::chrono::steady_clock::now() - start).count();
+    if (!*result) {
+        std::fprintf(stderr, "bench_compile: the rebuild failed: %s\n", result->error().description().c_str());
+        std::exit(1);
+    }
+    return seconds;
+}
+
+void printRuns(const char* label, std::vector<double> runs) {
+    std::sort(runs.begin(), runs.end());
+    std::printf("%-48s median %7.3f s  min %7.3f s  max %7.3f s  (%zu runs)\n", label, runs[runs.size() / 2],
+                runs.front(), runs.back(), runs.size());
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    // As the program sets itself up.
+    platform::configureProcessMemory();
+    std::string home;
+    int runs = 5;
+    for (int i = 1; i < argc; ++i) {
+        const std::string argument = argv[i];
+        if (argument == "--home" && i + 1 < argc) {
+            home = argv[++i];
+        } else {
+            runs = std::max(1, std::atoi(argv[i]));
+        }
+    }
+    if (home.empty()) {
+        std::fprintf(stderr, "usage: bench_compile --home DIR [runs]  (DIR from bench_generate_rule_set)\n");
+        return 2;
+    }
+    platform::DataRoot::setHome(std::filesystem::absolute(home));
+    const auto packageBytes = folderBytes(storage::PathProvider::filtersFolderURL(), ".json");
+    if (packageBytes == 0) {
+        std::fprintf(stderr, "bench_compile: no package files under %s\n", home.c_str());
+        return 1;
+    }
+    // The compile's trace lines are not what is measured.
+    platform::setLogSink([](const platform::LogRecord&) {}, true);
+    settings::App::setIsMacButtonExtension(true);
+
+    control::DataManager data;
+    control::ExtensionManager::Configuration configuration;
+    configuration.dataManager = &data;
+    configuration.contentBlockers = std::make_shared<InstantSafari>();
+    auto manager = control::ExtensionManager::create(configuration);
+
+    std::vector<double> all;
+    double cold = 0;
+    for (int run = 0; run <= runs; ++run) {
+        const double seconds = timed([&](auto completion) { manager->saveToJSONAndReloadAll(std::nullopt, completion); });
+        if (run == 0) {
+            cold = seconds;
+        } else {
+            all.push_back(seconds);
+        }
+    }
+
+    std::vector<double> whitelistChange;
+    for (int run = 0; run < runs; ++run) {
+        auto configurable = data.configurablePackages();
+        auto whitelist = std::find_if(configurable.begin(), configurable.end(),
+                                      [](const model::Package& p) { return p.isConfigurableWhitelist(); });
+        if (whitelist == configurable.end() || whitelist->rules.empty()) {
+            std::fprintf(stderr, "bench_compile: the rule set has no whitelist rules\n");
+            return 1;
+        }
+        model::Rule changed = whitelist->rules.front();
+        changed.partialWhitelist = run % 2 == 0 ? std::vector<model::ExtensionType>{model::ExtensionType::blockAds}
+                                                : std::vector<model::ExtensionType>{};
+        data.setRule(changed, whitelist->id);
+        whitelistChange.push_back(timed([&](auto completion) {
+            manager->saveToJSONAndReload(model::ExtensionType::customRules, true, completion);
+        }));
+    }
+    manager->waitUntilIdle();
+
+    const auto safariBytes = folderBytes(storage::PathProvider::safariJSONFolderURL(), ".json");
+    const double packageMegabytes = static_cast<double>(packageBytes) / (1024.0 * 1024.0);
+    const double peak = peakResidentMegabytes();
+    std::printf("package files          %8.1f MB\n", packageMegabytes);
+    std::printf("Safari JSON files      %8.1f MB\n", static_cast<double>(safariBytes) / (1024.0 * 1024.0));
+    std::printf("%-48s %7.3f s\n", "(a) save-reload all, first run (lists loaded)", cold);
+    printRuns("(a) save-reload all", all);
+    printRuns("(b) rebuild after one whitelist rule changed", whitelistChange);
+    std::printf("(c) peak resident memory %8.1f MB = %.2f x the package files\n", peak, peak / packageMegabytes);
+    return 0;
+}
