@@ -126,7 +126,7 @@ private:
     std::optional<platform::ManualClock> manual_;
 };
 
-// Adds --now to `command`; `checked` receives the parsed moment.
+// Adds --now to `command`, refusing text that is not a time; `text` receives it.
 void addNowOption(CLI::App* command, std::string& text) {
     command->add_option("--now", text, "Stand the clock at this moment (YYYY-MM-DDTHH:MM[:SS][Z|+HH:MM])")
         ->check([](const std::string& value) {
