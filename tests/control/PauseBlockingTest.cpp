@@ -4,6 +4,7 @@
 #include "control/DataManager.h"
 #include "control/ExtensionManager.h"
 #include "control/PauseStatus.h"
+#include "FakeSafari.h"
 
 #include "platform/DispatchQueue.h"
 #include "platform/MainRunLoop.h"
@@ -14,46 +15,12 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
-#include <mutex>
-#include <set>
 
 namespace tamsel::control {
 namespace {
 
 using namespace std::chrono_literals;
 using storage::ReloadingResult;
-
-// Safari: every extension enabled; reloads answered from another thread,
-// failing for the identifiers it is told to fail.
-class ReloadCountingSafari : public platform::ContentBlockerManager {
-public:
-    void reloadContentBlocker(const std::string& identifier, ReloadCompletion completion) override {
-        std::optional<platform::PlatformError> error;
-        {
-            std::lock_guard lock(mutex_);
-            reloads_.push_back(identifier);
-            if (failing_.count(identifier)) error = platform::PlatformError{"WKErrorDomain", 6, "Broken", std::nullopt};
-        }
-        platform::DispatchQueue::global().async([completion = std::move(completion), error] { completion(error); });
-    }
-    void getStateOfContentBlocker(const std::string&, StateCompletion completion) override {
-        platform::DispatchQueue::global().async(
-            [completion = std::move(completion)] { completion(platform::ContentBlockerState{true}, std::nullopt); });
-    }
-    void fail(const std::string& identifier) {
-        std::lock_guard lock(mutex_);
-        failing_.insert(identifier);
-    }
-    std::vector<std::string> reloads() const {
-        std::lock_guard lock(mutex_);
-        return reloads_;
-    }
-
-private:
-    mutable std::mutex mutex_;
-    std::set<std::string> failing_;
-    std::vector<std::string> reloads_;
-};
 
 class PauseBlockingTest : public ::testing::Test {
 protected:
@@ -86,7 +53,7 @@ protected:
     testing::LogCapture log;
     platform::ManualClock clock{platform::Date(std::chrono::sys_days(std::chrono::year{2024} / 6 / 1))};
     DataManager data;
-    std::shared_ptr<ReloadCountingSafari> safari = std::make_shared<ReloadCountingSafari>();
+    std::shared_ptr<testing::FakeSafari> safari = std::make_shared<testing::FakeSafari>();
     std::shared_ptr<ExtensionManager> manager;
 };
 
@@ -109,7 +76,7 @@ TEST_F(PauseBlockingTest, ResumingRemovesTheStartAndReloadsAgain) {
 }
 
 TEST_F(PauseBlockingTest, AFailedReloadIsReportedAndThePauseStays) {
-    safari->fail(ExtensionManager::extensionID(model::ExtensionType::blockSocial));
+    safari->failNext(ExtensionManager::extensionID(model::ExtensionType::blockSocial), 6, 1);
     const auto result = run(&ExtensionManager::pauseBlocking);
     ASSERT_FALSE(result.has_value());
     ASSERT_NE(result.error().safariError(), nullptr);
