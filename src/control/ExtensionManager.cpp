@@ -271,8 +271,10 @@ void ExtensionManager::addSaveOperation(ExtensionType extension, ReloadingComple
     std::weak_ptr<ExtensionManager> weak = weak_from_this();
     auto operation = std::make_shared<SaveReloadOperation>(
         extension, false, std::move(completion), dataManager(),
-        [weak](ExtensionType type, ReloadingCompletion reloadCompletion) {
-            if (auto self = weak.lock()) self->reload(type, std::move(reloadCompletion));
+        [weak, onSkipped](ExtensionType type, ReloadingCompletion reloadCompletion) {
+            // A newer save-all may drop the queued reload; the extension then
+            // counts as skipped here, and the newer request reloads it.
+            if (auto self = weak.lock()) self->enqueueReload(type, 0, {std::move(reloadCompletion), onSkipped});
         });
     // Runs when the operation is finished, also when the queue dropped it.
     std::weak_ptr<SaveReloadOperation> weakOperation = operation;
@@ -287,36 +289,45 @@ void ExtensionManager::addSaveOperation(ExtensionType extension, ReloadingComple
 // --- Reloading ---------------------------------------------------------------------------------
 
 void ExtensionManager::reload(ExtensionType extension, ReloadingCompletion completion) {
-    enqueueReload(extension, 0, std::move(completion));
+    enqueueReload(extension, 0, {std::move(completion), {}});
 }
 
-void ExtensionManager::enqueueReload(ExtensionType extension, int attempt, ReloadingCompletion completion) {
+void ExtensionManager::enqueueReload(ExtensionType extension, int attempt, ReloadRequest request) {
     const std::string displayName = model::localizedName(extension);
     platform::consolePrint("Adding extension \"" + displayName + "\" to Safari reload queue");
     std::weak_ptr<ExtensionManager> weak = weak_from_this();
     auto blockers = contentBlockers();
-    reloadSafariOnlyQueue_.addOperation([weak, blockers, extension, attempt, displayName,
-                                         completion = std::move(completion)]() mutable {
+    auto started = std::make_shared<std::atomic<bool>>(false);
+    auto onDropped = request.onDropped;
+    auto operation = platform::BlockOperation::make([weak, blockers, extension, attempt, displayName, started,
+                                                     request = std::move(request)]() mutable {
+        started->store(true);
         platform::consolePrint("♻️ Starting to reload extension " + displayName);
         // The operation keeps its slot on the queue until Safari answers.
         platform::DispatchGroup answered;
         answered.enter();
         blockers->reloadContentBlocker(
             extensionID(extension), [&answered, weak, extension, attempt,
-                                     completion = std::move(completion)](std::optional<platform::PlatformError> error) {
-                onMain([weak, extension, attempt, error = std::move(error), completion]() mutable {
-                    if (auto self = weak.lock()) self->handleReloadAnswer(extension, attempt, error, std::move(completion));
+                                     request = std::move(request)](std::optional<platform::PlatformError> error) {
+                onMain([weak, extension, attempt, error = std::move(error), request]() mutable {
+                    if (auto self = weak.lock()) self->handleReloadAnswer(extension, attempt, error, std::move(request));
                 });
                 answered.leave();
             });
         answered.wait();
     });
+    // Cancelled before it ran: the queue dropped it.
+    operation->setCompletionBlock([started, onDropped = std::move(onDropped)] {
+        if (!started->load() && onDropped) onDropped();
+    });
+    reloadSafariOnlyQueue_.addOperation(std::move(operation));
 }
 
 void ExtensionManager::handleReloadAnswer(ExtensionType extension, int attempt,
                                           const std::optional<platform::PlatformError>& error,
-                                          ReloadingCompletion completion) {
+                                          ReloadRequest request) {
     const std::string displayName = model::localizedName(extension);
+    auto& completion = request.completion;
     if (!error) {
         platform::consolePrint("✅ Reloaded extension: " + displayName);
         if (completion) completion(ReloadingResult{});
@@ -330,9 +341,9 @@ void ExtensionManager::handleReloadAnswer(ExtensionType extension, int attempt,
                                std::to_string(attempt + 1) + "/" + std::to_string(limit));
         ++pendingRetries_;
         std::weak_ptr<ExtensionManager> weak = weak_from_this();
-        scheduleAfter(configuration_.retryDelay, [weak, extension, attempt, completion = std::move(completion)]() mutable {
+        scheduleAfter(configuration_.retryDelay, [weak, extension, attempt, request = std::move(request)]() mutable {
             if (auto self = weak.lock()) {
-                self->enqueueReload(extension, attempt + 1, std::move(completion));
+                self->enqueueReload(extension, attempt + 1, std::move(request));
                 --self->pendingRetries_;
             }
         });
@@ -378,7 +389,9 @@ void ExtensionManager::reloadEach(std::vector<ExtensionType> extensions, Reloadi
         return;
     }
     for (ExtensionType extension : extensions) {
-        reload(extension, [batch, extension](ReloadingResult result) { batch->settle(extension, result); });
+        enqueueReload(extension, 0,
+                      {[batch, extension](ReloadingResult result) { batch->settle(extension, result); },
+                       [batch, extension] { onMain([batch, extension] { batch->settle(extension, std::nullopt); }); }});
     }
 }
 

@@ -167,9 +167,15 @@ private:
     using StatusCache = std::map<model::ExtensionType, std::optional<bool>>;
     using ReloadingMap = std::map<model::ExtensionType, bool>;
 
-    void enqueueReload(model::ExtensionType extension, int attempt, storage::ReloadingCompletion completion);
+    // A reload on its way through the queue and its retries.
+    struct ReloadRequest {
+        storage::ReloadingCompletion completion;
+        // Called instead when the queue drops the reload before it ran.
+        std::function<void()> onDropped;
+    };
+    void enqueueReload(model::ExtensionType extension, int attempt, ReloadRequest request);
     void handleReloadAnswer(model::ExtensionType extension, int attempt, const std::optional<platform::PlatformError>& error,
-                            storage::ReloadingCompletion completion);
+                            ReloadRequest request);
     void addSaveOperation(model::ExtensionType extension, storage::ReloadingCompletion completion,
                           std::function<void()> onSkipped);
     void queryState(model::ExtensionType extension, std::function<void(std::optional<bool>)> answer);
