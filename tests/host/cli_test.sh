@@ -5,68 +5,8 @@
 #   bash tests/host/cli_test.sh <path-to-tamsel> <source-dir>
 set -u
 
-if [ $# -ne 2 ]; then
-    echo "usage: $0 <path-to-tamsel> <source-dir>" >&2
-    exit 2
-fi
-TAMSEL=$1
-SOURCE=$2
-SAMPLES=$SOURCE/resources/packages
-WORK=$(mktemp -d "${TMPDIR:-/tmp}/tamsel-cli-XXXXXX")
-trap 'rm -rf "$WORK"' EXIT
-DATA=$WORK/home
-
-passed=0
-failed=0
-current=""
-problems=""
-
-# tamsel ARGS...: runs the program on the test's data root; leaves the exit
-# status in $status, standard output in $WORK/out, standard error in $WORK/err.
-tamsel() {
-    "$TAMSEL" --home "$DATA" "$@" >"$WORK/out" 2>"$WORK/err"
-    status=$?
-}
-
-begin() {
-    current=$1
-    problems=""
-}
-
-problem() { problems="$problems
-    $1"; }
-
-finish() {
-    if [ -z "$problems" ]; then
-        passed=$((passed + 1))
-    else
-        failed=$((failed + 1))
-        echo "FAILED: $current$problems"
-        echo "    --- stdout:"; sed 's/^/    | /' "$WORK/out" | head -20
-        echo "    --- stderr:"; sed 's/^/    | /' "$WORK/err" | head -20
-    fi
-}
-
-expect_status() { [ "$status" -eq "$1" ] || problem "exit status $status, expected $1"; }
-expect_stdout() {
-    local actual
-    actual=$(cat "$WORK/out")
-    [ "$actual" = "$1" ] || problem "stdout was '$actual', expected '$1'"
-}
-expect_stdout_empty() { [ ! -s "$WORK/out" ] || problem "stdout was not empty"; }
-expect_stderr_empty() { [ ! -s "$WORK/err" ] || problem "stderr was not empty"; }
-expect_stdout_lines() {
-    local count
-    count=$(wc -l <"$WORK/out")
-    [ "$count" -eq "$1" ] || problem "stdout had $count lines, expected $1"
-}
-expect_stderr_lines() {
-    local count
-    count=$(wc -l <"$WORK/err")
-    [ "$count" -eq "$1" ] || problem "stderr had $count lines, expected $1"
-}
-expect_stdout_contains() { grep -qF -- "$1" "$WORK/out" || problem "stdout lacks '$1'"; }
-expect_stderr_contains() { grep -qF -- "$1" "$WORK/err" || problem "stderr lacks '$1'"; }
+source "$(dirname "$0")/harness/cli_harness.bash"
+harness_init cli "$@"
 
 # A failure of one input: status 1, nothing on stdout, one line on stderr
 # that names the input and says why.
@@ -365,5 +305,4 @@ expect_status 0
 expect_stdout "OK $SAMPLES/block-ads.json: 1 packages, 8 rules"
 finish
 
-echo "$passed passed, $failed failed"
-[ "$failed" -eq 0 ]
+harness_summary

@@ -6,31 +6,14 @@
 #   bash tests/host/history_cli_test.sh <path-to-tamsel> <source-dir>
 set -u
 
-if [ $# -ne 2 ]; then
-    echo "usage: $0 <path-to-tamsel> <source-dir>" >&2
-    exit 2
-fi
-TAMSEL=$1
-WORK=$(mktemp -d "${TMPDIR:-/tmp}/tamsel-history-XXXXXX")
-trap 'rm -rf "$WORK"' EXIT
-DATA=$WORK/home
+source "$(dirname "$0")/harness/cli_harness.bash"
+harness_init history "$@"
+
 STORE=$DATA/group/blocked-resources-data.sqlite
 # Berlin moved to summer time on 31 March 2024.
 export TZ=Europe/Berlin
 
-passed=0
-failed=0
-current=""
-problems=""
-
 fresh_home() { rm -rf "$DATA"; }
-
-# tamsel ARGS...: leaves the exit status in $status, standard output in
-# $WORK/out and standard error in $WORK/err.
-tamsel() {
-    "$TAMSEL" --home "$DATA" "$@" >"$WORK/out" 2>"$WORK/err"
-    status=$?
-}
 
 # report AT EXTENSION URL...: one report for the news page at the given time.
 report() {
@@ -40,32 +23,6 @@ report() {
         --extension "$extension" "$@" >/dev/null 2>"$WORK/err" || problem "report at $at failed"
 }
 
-begin() {
-    current=$1
-    problems=""
-}
-problem() { problems="$problems
-    $1"; }
-finish() {
-    if [ -z "$problems" ]; then
-        passed=$((passed + 1))
-    else
-        failed=$((failed + 1))
-        echo "FAILED: $current$problems"
-        echo "    --- stdout:"; sed 's/^/    | /' "$WORK/out" | head -20
-        echo "    --- stderr:"; sed 's/^/    | /' "$WORK/err" | head -20
-    fi
-}
-
-expect_status() { [ "$status" -eq "$1" ] || problem "exit status $status, expected $1"; }
-expect_stdout() {
-    local actual
-    actual=$(cat "$WORK/out")
-    [ "$actual" = "$1" ] || problem "stdout was '$actual', expected '$1'"
-}
-expect_stdout_empty() { [ ! -s "$WORK/out" ] || problem "stdout was not empty"; }
-expect_stdout_contains() { grep -qF -- "$1" "$WORK/out" || problem "stdout lacks '$1'"; }
-expect_stderr_contains() { grep -qF -- "$1" "$WORK/err" || problem "stderr lacks '$1'"; }
 # The number of chart buckets in `stats --json` output.
 expect_buckets() {
     local count
@@ -290,5 +247,4 @@ tamsel history https://site3.example/
 expect_stdout_contains "block-trackers (40)"
 finish
 
-echo "$passed passed, $failed failed"
-[ "$failed" -eq 0 ]
+harness_summary

@@ -5,64 +5,11 @@
 #   bash tests/host/packages_cli_test.sh <path-to-tamsel> <source-dir>
 set -u
 
-if [ $# -ne 2 ]; then
-    echo "usage: $0 <path-to-tamsel> <source-dir>" >&2
-    exit 2
-fi
-TAMSEL=$1
-SOURCE=$2
-WORK=$(mktemp -d "${TMPDIR:-/tmp}/tamsel-packages-XXXXXX")
-trap 'rm -rf "$WORK"' EXIT
-DATA=$WORK/home
-FILTERS="$DATA/group/Library/Application Support/Filters"
+source "$(dirname "$0")/harness/cli_harness.bash"
+harness_init packages "$@"
+
 CUSTOM_ID=7B6A5C4D-3E2F-4A1B-9C8D-7E6F5A4B3C2D
 
-passed=0
-failed=0
-current=""
-problems=""
-
-# A fresh data root whose filters folder holds the sample package files.
-fresh_home() {
-    rm -rf "$DATA"
-    mkdir -p "$FILTERS"
-    cp "$SOURCE"/resources/packages/*.json "$FILTERS/"
-}
-
-# tamsel ARGS...: leaves the exit status in $status, standard output in
-# $WORK/out and standard error in $WORK/err.
-tamsel() {
-    "$TAMSEL" --home "$DATA" "$@" >"$WORK/out" 2>"$WORK/err"
-    status=$?
-}
-
-begin() {
-    current=$1
-    problems=""
-}
-problem() { problems="$problems
-    $1"; }
-finish() {
-    if [ -z "$problems" ]; then
-        passed=$((passed + 1))
-    else
-        failed=$((failed + 1))
-        echo "FAILED: $current$problems"
-        echo "    --- stdout:"; sed 's/^/    | /' "$WORK/out" | head -20
-        echo "    --- stderr:"; sed 's/^/    | /' "$WORK/err" | head -20
-    fi
-}
-
-expect_status() { [ "$status" -eq "$1" ] || problem "exit status $status, expected $1"; }
-expect_stdout_empty() { [ ! -s "$WORK/out" ] || problem "stdout was not empty"; }
-expect_stdout_lines() {
-    local count
-    count=$(wc -l <"$WORK/out")
-    [ "$count" -eq "$1" ] || problem "stdout had $count lines, expected $1"
-}
-expect_stdout_contains() { grep -qF -- "$1" "$WORK/out" || problem "stdout lacks '$1'"; }
-expect_stdout_lacks() { ! grep -qF -- "$1" "$WORK/out" || problem "stdout has '$1'"; }
-expect_stderr_contains() { grep -qF -- "$1" "$WORK/err" || problem "stderr lacks '$1'"; }
 # The row of one package in `tamsel packages`: "<id> ... <state> <name>".
 expect_row_state() {
     grep -qE -- "^$1 .* $2  " "$WORK/out" || problem "package $1 is not listed as $2"
@@ -227,5 +174,4 @@ expect_status 1
 expect_stderr_contains "tamsel: $WORK/missing.tmsl: no such file"
 finish
 
-echo "$passed passed, $failed failed"
-[ "$failed" -eq 0 ]
+harness_summary

@@ -6,61 +6,12 @@
 #   bash tests/host/site_cli_test.sh <path-to-tamsel> <source-dir>
 set -u
 
-if [ $# -ne 2 ]; then
-    echo "usage: $0 <path-to-tamsel> <source-dir>" >&2
-    exit 2
-fi
-TAMSEL=$1
-SOURCE=$2
-WORK=$(mktemp -d "${TMPDIR:-/tmp}/tamsel-site-XXXXXX")
-trap 'rm -rf "$WORK"' EXIT
-DATA=$WORK/home
-FILTERS="$DATA/group/Library/Application Support/Filters"
-SAFARI_JSON="$DATA/group/Library/Application Support/Safari JSON"
+source "$(dirname "$0")/harness/cli_harness.bash"
+harness_init site "$@"
+
 CONFIGURABLE="$FILTERS/block-configurable.json"
 ALL="block-ads block-trackers block-annoyances block-social block-comments block-adult block-international block-custom"
 
-passed=0
-failed=0
-current=""
-problems=""
-
-# A fresh data root whose filters folder holds the sample package files.
-fresh_home() {
-    rm -rf "$DATA"
-    mkdir -p "$FILTERS"
-    cp "$SOURCE"/resources/packages/*.json "$FILTERS/"
-}
-
-# tamsel ARGS...: leaves the exit status in $status, standard output in
-# $WORK/out and standard error in $WORK/err.
-tamsel() {
-    "$TAMSEL" --home "$DATA" "$@" >"$WORK/out" 2>"$WORK/err"
-    status=$?
-}
-
-begin() {
-    current=$1
-    problems=""
-}
-problem() { problems="$problems
-    $1"; }
-finish() {
-    if [ -z "$problems" ]; then
-        passed=$((passed + 1))
-    else
-        failed=$((failed + 1))
-        echo "FAILED: $current$problems"
-        echo "    --- stdout:"; sed 's/^/    | /' "$WORK/out" | head -20
-        echo "    --- stderr:"; sed 's/^/    | /' "$WORK/err" | head -20
-    fi
-}
-
-expect_status() { [ "$status" -eq "$1" ] || problem "exit status $status, expected $1"; }
-expect_stdout_empty() { [ ! -s "$WORK/out" ] || problem "stdout was not empty"; }
-expect_stdout_line() { grep -qxF -- "$1" "$WORK/out" || problem "stdout lacks the line '$1'"; }
-expect_stdout_contains() { grep -qF -- "$1" "$WORK/out" || problem "stdout lacks '$1'"; }
-expect_stderr_contains() { grep -qF -- "$1" "$WORK/err" || problem "stderr lacks '$1'"; }
 expect_unchanged() { cmp -s "$1" "$2" || problem "$(basename "$1") changed"; }
 # Whether the Safari JSON file of an extension whitelists a domain.
 safari_file() {
@@ -341,5 +292,4 @@ tamsel --json site example.com
 expect_stdout_contains '"paused":true,"minutesLeft":1}'
 finish
 
-echo "$passed passed, $failed failed"
-[ "$failed" -eq 0 ]
+harness_summary

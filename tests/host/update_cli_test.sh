@@ -6,39 +6,18 @@
 #   bash tests/host/update_cli_test.sh <path-to-tamsel> <source-dir>
 set -u
 
-if [ $# -ne 2 ]; then
-    echo "usage: $0 <path-to-tamsel> <source-dir>" >&2
-    exit 2
-fi
-TAMSEL=$1
-SOURCE=$2
-WORK=$(mktemp -d "${TMPDIR:-/tmp}/tamsel-update-XXXXXX")
+source "$(dirname "$0")/harness/cli_harness.bash"
+harness_init update "$@"
+
 SERVERS=""
-cleanup() {
+harness_cleanup() {
     for pid in $SERVERS; do kill "$pid" 2>/dev/null; done
     for pid in $SERVERS; do wait "$pid" 2>/dev/null; done
-    rm -rf "$WORK"
 }
-trap cleanup EXIT
 
 PUBLISHED=$WORK/published
-DATA=$WORK/home
-FILTERS="$DATA/group/Library/Application Support/Filters"
-SAFARI_JSON="$DATA/group/Library/Application Support/Safari JSON"
 FIRST_VERSION="Tue, 05 Mar 2024 12:34:56 GMT"
 SECOND_VERSION="Wed, 06 Mar 2024 08:00:00 GMT"
-
-passed=0
-failed=0
-current=""
-problems=""
-
-# tamsel ARGS...: leaves the exit status in $status, standard output in
-# $WORK/out and standard error in $WORK/err.
-tamsel() {
-    "$TAMSEL" --home "$DATA" "$@" >"$WORK/out" 2>"$WORK/err"
-    status=$?
-}
 
 # start_server ARGS...: runs `tamsel filter-server ARGS...` in the
 # background and leaves its address in $URL (empty when it did not start).
@@ -59,12 +38,6 @@ start_server() {
     return 1
 }
 
-begin() {
-    current=$1
-    problems=""
-}
-problem() { problems="$problems
-    $1"; }
 finish() {
     if [ -z "$problems" ]; then
         passed=$((passed + 1))
@@ -76,11 +49,6 @@ finish() {
     fi
 }
 
-expect_status() { [ "$status" -eq "$1" ] || problem "exit status $status, expected $1"; }
-expect_stdout_contains() { grep -qF -- "$1" "$WORK/out" || problem "stdout lacks '$1'"; }
-expect_stdout_lacks() { ! grep -qF -- "$1" "$WORK/out" || problem "stdout has '$1'"; }
-expect_stderr_contains() { grep -qF -- "$1" "$WORK/err" || problem "stderr lacks '$1'"; }
-expect_stdout_line() { grep -qxF -- "$1" "$WORK/out" || problem "stdout lacks the line '$1'"; }
 # The filters folder holds exactly the published files, byte for byte.
 expect_installed_as_published() {
     local published installed
