@@ -383,11 +383,11 @@ void ExtensionManager::reloadAllWithoutSaving(ReloadingCompletion completion) {
 }
 
 void ExtensionManager::reloadEach(std::vector<ExtensionType> extensions, ReloadingCompletion completion) {
-    auto batch = std::make_shared<Batch>(extensions, std::move(completion), settings::LongActionExecutor::Finish{});
     if (extensions.empty()) {
-        onMain([batch] { batch->settle(ExtensionType::customRules, std::nullopt); });
+        if (completion) onMain([completion = std::move(completion)] { completion(ReloadingResult{}); });
         return;
     }
+    auto batch = std::make_shared<Batch>(extensions, std::move(completion), settings::LongActionExecutor::Finish{});
     for (ExtensionType extension : extensions) {
         enqueueReload(extension, 0,
                       {[batch, extension](ReloadingResult result) { batch->settle(extension, result); },

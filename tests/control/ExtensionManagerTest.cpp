@@ -347,6 +347,17 @@ TEST_F(ExtensionManagerTest, StatusCacheFollowsSafariAndAnnouncesTheRefresh) {
     EXPECT_EQ(safari->reloadCount(id(ExtensionType::blockAds)), 1);
 }
 
+TEST_F(ExtensionManagerTest, ReloadingAllWithNothingEnabledStillCompletes) {
+    ProcessKind hostApplication(false);
+    for (ExtensionType type : model::allCases<ExtensionType>()) safari->setState(id(type), false);
+    auto manager = makeManager(safari);
+    std::optional<ReloadingResult> result;
+    manager->reloadAllWithoutSaving([&](ReloadingResult r) { result = r; });
+    settle(*manager, result);
+    EXPECT_TRUE(*result);
+    EXPECT_TRUE(safari->reloads().empty());
+}
+
 TEST_F(ExtensionManagerTest, ReloadingWithoutSavingLeavesTheFilesAlone) {
     auto manager = makeManager(safari);
     std::optional<ReloadingResult> result;
