@@ -21,6 +21,8 @@ using platform::StaticSafariPage;
 using namespace std::chrono_literals;
 using ::testing::ElementsAre;
 using ::testing::Contains;
+using ::testing::Pair;
+using ::testing::UnorderedElementsAre;
 
 std::shared_ptr<SafariPage> pageAt(std::optional<std::string> url) {
     return std::make_shared<StaticSafariPage>(SafariPageProperties{std::move(url), "Title", false, true});
@@ -38,14 +40,20 @@ protected:
         ASSERT_TRUE(MainRunLoop::runUntil([&] { return saved; }, 10s));
     }
 
-    std::vector<std::string> storedURLs(const std::string& pageURL, std::vector<std::string>* extensions = nullptr) {
+    std::vector<std::string> storedURLs(const std::string& pageURL) {
         std::vector<std::string> urls;
-        auto records = store.blockedResources(pageURL);
-        for (const auto& r : records.value()) {
-            urls.push_back(*r.blockedURL);
-            if (extensions) extensions->push_back(*r.extensionID);
-        }
+        for (const auto& [url, extension] : storedRecords(pageURL)) urls.push_back(url);
         return urls;
+    }
+
+    // (blocked URL, extension) of each stored record of a page. The page
+    // answers its properties on the global queue, so the records of one
+    // report reach the store in no fixed order.
+    std::vector<std::pair<std::string, std::string>> storedRecords(const std::string& pageURL) {
+        std::vector<std::pair<std::string, std::string>> records;
+        auto stored = store.blockedResources(pageURL);
+        for (const auto& r : stored.value()) records.emplace_back(*r.blockedURL, *r.extensionID);
+        return records;
     }
 
     tamsel::testing::TemporaryDirectory directory;
@@ -71,10 +79,9 @@ TEST_F(HistoryStoreTest, URLsAreUniquePerPageWhicheverExtensionBlockedThem) {
               (std::vector<History>{{page, "https://c.example/3.js", ExtensionType::blockTrackers}}));
 
     // One stored record per URL; the repeated one keeps the first extension.
-    std::vector<std::string> extensions;
-    EXPECT_THAT(storedURLs("https://news.example/story", &extensions),
-                ElementsAre("https://a.example/1.js", "https://b.example/2.js", "https://c.example/3.js"));
-    EXPECT_THAT(extensions, ElementsAre("block-ads", "block-ads", "block-trackers"));
+    EXPECT_THAT(storedRecords("https://news.example/story"),
+                UnorderedElementsAre(Pair("https://a.example/1.js", "block-ads"), Pair("https://b.example/2.js", "block-ads"),
+                                     Pair("https://c.example/3.js", "block-trackers")));
 }
 
 TEST_F(HistoryStoreTest, PagesAreKeptApartByIdentityNotByURL) {
@@ -103,7 +110,7 @@ TEST_F(HistoryStoreTest, ReportAndSaveWriteTheirLinesInOrderAndReloadWidgetsOnTh
     auto lines = log.lines();
     ASSERT_EQ(lines.size(), 3U);
     EXPECT_THAT(std::vector(lines.begin(), lines.begin() + 2),
-                ::testing::UnorderedElementsAre("Added History record: https://ads.example/banner.js [customRules]",
+                UnorderedElementsAre("Added History record: https://ads.example/banner.js [customRules]",
                                                 "Saved History record into Core Data background context"));
     EXPECT_EQ(lines[2], "Saved History Core Data");
     EXPECT_EQ(widgetReloads, 1);
