@@ -1,11 +1,14 @@
 // Decodes arbitrary bytes as a package file. Whatever decodes must survive a
 // write and a second read unchanged (apart from what the format drops on
-// purpose); anything else is a bug, and the target aborts. The same bytes are
+// purpose); anything else is a bug, and the target aborts. A single package
+// decoded rule by rule must agree with the whole decode. The same bytes are
 // also tried as a Safari JSON file.
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
+#include <string>
 #include <string_view>
+#include <vector>
 
 #include "model/JSONCoding.h"
 #include "platform/Log.h"
@@ -40,6 +43,22 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     if (auto file = decodePackageFile(bytes)) {
         auto again = decodePackageFile(encodePackageFile(*file));
         if (!again || *again != afterOneWrite(*file)) std::abort();
+    }
+
+    {
+        std::vector<Rule> streamed;
+        std::string streamedID;
+        auto header = decodePackageRuleByRule(bytes, [&](const std::string& packageID, Rule&& rule) {
+            streamedID = packageID;
+            streamed.push_back(std::move(rule));
+        });
+        auto whole = decodePackage(bytes);
+        if (header.has_value() != whole.has_value()) std::abort();
+        if (whole && (header->id != whole->id || header->name != whole->name || streamed != whole->rules ||
+                      (!streamed.empty() && streamedID != whole->id))) {
+            std::abort();
+        }
+        if (!whole && header.error() != whole.error()) std::abort();
     }
 
     if (auto blockers = decodeBlockerArray(bytes)) {

@@ -31,6 +31,12 @@ std::vector<Package>::iterator findPackage(std::vector<Package>& packages, const
 
 bool isWhitelistRule(const Rule& rule) { return rule.blocker.action.type == model::ActionType::ignorePreviousRules; }
 
+storage::PackageList emptyList() { return std::make_shared<const std::vector<Package>>(); }
+
+storage::PackageList listOf(std::vector<Package> packages) {
+    return std::make_shared<const std::vector<Package>>(std::move(packages));
+}
+
 }  // namespace
 
 DataManager& DataManager::shared() {
@@ -44,7 +50,8 @@ DataManager& DataManager::shared() {
 
 DataManager::DataManager() : DataManager(Collaborators{}) {}
 
-DataManager::DataManager(Collaborators collaborators) : collaborators_(std::move(collaborators)) {}
+DataManager::DataManager(Collaborators collaborators)
+    : collaborators_(std::move(collaborators)), lists_{emptyList(), emptyList(), emptyList(), emptyList()} {}
 
 DataManager::~DataManager() {
     if (storage::PackageSource::shared() == this) storage::PackageSource::setShared(nullptr);
@@ -68,52 +75,65 @@ std::shared_ptr<RuleChangeReporting> DataManager::ruleChanges() const {
 
 // --- The four lists -------------------------------------------------------------
 
-std::vector<Package> DataManager::generalPackages() const {
+std::vector<Package> DataManager::generalPackages() const { return *generalPackageList(); }
+std::vector<Package> DataManager::internationalPackages() const { return *internationalPackageList(); }
+std::vector<Package> DataManager::configurablePackages() const { return *configurablePackageList(); }
+std::vector<Package> DataManager::customPackages() const { return *customPackageList(); }
+
+storage::PackageList DataManager::generalPackageList() const {
     std::lock_guard lock(mutex_);
     return lists_.general;
 }
 
-std::vector<Package> DataManager::internationalPackages() const {
+storage::PackageList DataManager::internationalPackageList() const {
     std::lock_guard lock(mutex_);
     return lists_.international;
 }
 
-std::vector<Package> DataManager::configurablePackages() const {
+storage::PackageList DataManager::configurablePackageList() const {
     std::lock_guard lock(mutex_);
     return lists_.configurable;
 }
 
-std::vector<Package> DataManager::customPackages() const {
+storage::PackageList DataManager::customPackageList() const {
     std::lock_guard lock(mutex_);
     return lists_.custom;
 }
 
 void DataManager::setGeneralPackages(std::vector<Package> packages) {
+    auto list = listOf(std::move(packages));
     std::lock_guard lock(mutex_);
-    lists_.general = std::move(packages);
+    lists_.general.swap(list);
 }
 
 void DataManager::setInternationalPackages(std::vector<Package> packages) {
+    auto list = listOf(std::move(packages));
     std::lock_guard lock(mutex_);
-    lists_.international = std::move(packages);
+    lists_.international.swap(list);
 }
 
 void DataManager::setConfigurablePackages(std::vector<Package> packages) {
+    auto list = listOf(std::move(packages));
     std::lock_guard lock(mutex_);
-    lists_.configurable = std::move(packages);
+    lists_.configurable.swap(list);
 }
 
 void DataManager::setCustomPackages(std::vector<Package> packages) {
+    auto list = listOf(std::move(packages));
     std::lock_guard lock(mutex_);
-    lists_.custom = std::move(packages);
+    lists_.custom.swap(list);
 }
 
 std::vector<Package> DataManager::allPackages() const {
-    std::lock_guard lock(mutex_);
+    Lists lists;
+    {
+        std::lock_guard lock(mutex_);
+        lists = lists_;
+    }
     std::vector<Package> all;
-    all.reserve(lists_.general.size() + lists_.international.size() + lists_.configurable.size() +
-                lists_.custom.size());
-    for (const auto* list : {&lists_.general, &lists_.international, &lists_.configurable, &lists_.custom}) {
+    all.reserve(lists.general->size() + lists.international->size() + lists.configurable->size() +
+                lists.custom->size());
+    for (const auto& list : {lists.general, lists.international, lists.configurable, lists.custom}) {
         all.insert(all.end(), list->begin(), list->end());
     }
     return all;
@@ -140,16 +160,18 @@ void DataManager::loadAllPackages() {
 
 void DataManager::addOrReplaceCustomPackage(const Package& package) {
     std::unique_lock lock(mutex_);
-    if (std::any_of(lists_.configurable.begin(), lists_.configurable.end(), withID(package.id))) {
+    if (std::any_of(lists_.configurable->begin(), lists_.configurable->end(), withID(package.id))) {
         lock.unlock();
         consolePrint("There's already a configurable package with ID " + package.id);
         return;
     }
-    if (auto existing = findPackage(lists_.custom, package.id); existing != lists_.custom.end()) {
+    auto custom = *lists_.custom;
+    if (auto existing = findPackage(custom, package.id); existing != custom.end()) {
         *existing = Package(package.id, package.name, existing->rules);
     } else {
-        lists_.custom.push_back(package);
+        custom.push_back(package);
     }
+    lists_.custom = listOf(std::move(custom));
 }
 
 std::optional<DataManager::Replacement> DataManager::replacePackage(
@@ -157,12 +179,16 @@ std::optional<DataManager::Replacement> DataManager::replacePackage(
     std::lock_guard lock(mutex_);
     for (auto [list, file] : {std::pair{&lists_.configurable, JSONFileName::blockConfigurable},
                               std::pair{&lists_.custom, JSONFileName::blockCustom}}) {
-        auto existing = findPackage(*list, packageID);
-        if (existing == list->end()) continue;
+        const auto existing = std::find_if((*list)->begin(), (*list)->end(), withID(packageID));
+        if (existing == (*list)->end()) continue;
         std::optional<Package> replacement = edit(*existing);
         if (!replacement) return std::nullopt;
-        *existing = std::move(*replacement);
-        return Replacement{file, *existing};
+        auto edited = **list;
+        Package& slot = edited[static_cast<std::size_t>(std::distance((*list)->begin(), existing))];
+        slot = std::move(*replacement);
+        Replacement result{file, slot};
+        *list = listOf(std::move(edited));
+        return result;
     }
     return std::nullopt;
 }
@@ -176,12 +202,16 @@ void DataManager::setRule(const Rule& rule, const std::string& packageID) {
 
 bool DataManager::removeByIdentifier(const std::string& identifier) {
     std::lock_guard lock(mutex_);
-    if (auto custom = findPackage(lists_.custom, identifier); custom != lists_.custom.end()) {
-        lists_.custom.erase(custom);
+    if (const auto custom = std::find_if(lists_.custom->begin(), lists_.custom->end(), withID(identifier));
+        custom != lists_.custom->end()) {
+        auto shorter = *lists_.custom;
+        shorter.erase(shorter.begin() + std::distance(lists_.custom->begin(), custom));
+        lists_.custom = listOf(std::move(shorter));
         return true;
     }
     for (auto* list : {&lists_.configurable, &lists_.custom}) {
-        for (Package& package : *list) {
+        for (std::size_t index = 0; index < (*list)->size(); ++index) {
+            const Package& package = (**list)[index];
             const auto rule = std::find_if(package.rules.begin(), package.rules.end(),
                                            [&identifier](const Rule& candidate) { return candidate.id == identifier; });
             if (rule == package.rules.end()) continue;
@@ -190,7 +220,9 @@ bool DataManager::removeByIdentifier(const std::string& identifier) {
             // A deletion that arrives from another device does not make the
             // package new.
             shorter.createdAt = package.createdAt;
-            package = std::move(shorter);
+            auto edited = **list;
+            edited[index] = std::move(shorter);
+            *list = listOf(std::move(edited));
             return true;
         }
     }
@@ -228,28 +260,15 @@ void DataManager::deleteRule(const Rule& rule, const Package& inPackage, SaveCom
 
 void DataManager::savePackages(const std::vector<JSONFileName>& files, bool didChangeWhitelist,
                                SaveCompletion completion) {
-    // What each requested file will hold, copied under the lock: a list file
-    // its list, a general file its one package (absent when not in memory).
-    using Contents = std::variant<std::vector<Package>, std::optional<Package>>;
-    std::vector<std::pair<JSONFileName, Contents>> toWrite;
-    bool modelIsEmpty = false;
+    // The lists as they stand now; what each requested file will hold is
+    // taken from these, whatever edits follow meanwhile.
+    Lists lists;
     {
         std::lock_guard lock(mutex_);
-        modelIsEmpty = lists_.general.empty() && lists_.international.empty() && lists_.configurable.empty() &&
-                       lists_.custom.empty();
-        for (const JSONFileName file : modelIsEmpty ? std::vector<JSONFileName>{} : files) {
-            switch (file) {
-                case JSONFileName::blockInternational: toWrite.emplace_back(file, lists_.international); break;
-                case JSONFileName::blockConfigurable: toWrite.emplace_back(file, lists_.configurable); break;
-                case JSONFileName::blockCustom: toWrite.emplace_back(file, lists_.custom); break;
-                default: {
-                    const auto general = findPackage(lists_.general, std::string(model::rawValue(file)));
-                    toWrite.emplace_back(file, general == lists_.general.end() ? std::optional<Package>()
-                                                                               : std::optional(*general));
-                }
-            }
-        }
+        lists = lists_;
     }
+    const bool modelIsEmpty = lists.general->empty() && lists.international->empty() &&
+                              lists.configurable->empty() && lists.custom->empty();
     if (modelIsEmpty) {
         if (completion) completion(PersistingError::allPackagesEmpty);
         return;
@@ -260,15 +279,22 @@ void DataManager::savePackages(const std::vector<JSONFileName>& files, bool didC
                                                            this);
     });
 
-    for (const auto& [file, contents] : toWrite) {
+    for (const JSONFileName file : files) {
         PersistentStore::WriteResult written;
-        if (const auto* list = std::get_if<std::vector<Package>>(&contents)) {
-            written = PersistentStore::write(*list, file);
-        } else if (const auto& general = std::get<std::optional<Package>>(contents)) {
-            written = PersistentStore::write(*general, file);
-        } else {
-            logger.error("Can't save %s: no such package in memory", model::fileName(file).c_str());
-            continue;
+        switch (file) {
+            case JSONFileName::blockInternational: written = PersistentStore::write(*lists.international, file); break;
+            case JSONFileName::blockConfigurable: written = PersistentStore::write(*lists.configurable, file); break;
+            case JSONFileName::blockCustom: written = PersistentStore::write(*lists.custom, file); break;
+            default: {
+                // A general file holds its one package, when it is in memory.
+                const auto general = std::find_if(lists.general->begin(), lists.general->end(),
+                                                  withID(std::string(model::rawValue(file))));
+                if (general == lists.general->end()) {
+                    logger.error("Can't save %s: no such package in memory", model::fileName(file).c_str());
+                    continue;
+                }
+                written = PersistentStore::write(*general, file);
+            }
         }
         if (!written) {
             logger.error("Can't save %s: %s", model::fileName(file).c_str(), written.error().description().c_str());

@@ -32,8 +32,11 @@
 //
 // Thread-safe. The lists are read and replaced from the main thread, the
 // compiler's save queue and the stores' callback queues, so one mutex guards
-// all four; readers get copies, and every edit is one read-modify-write under
-// it. Nothing is called out (writes, reloads, notifications) while it is held.
+// all four. A list is never changed in place: every edit builds the new list
+// and swaps it in, one read-modify-write under the mutex. So readers either
+// share the list as it stands (the *PackageList accessors, no copy of its
+// rules) or take a copy. Nothing is called out (writes, reloads,
+// notifications) while the mutex is held.
 namespace tamsel::control {
 
 class DataManager : public storage::PackageSource {
@@ -71,8 +74,14 @@ public:
 
     std::vector<model::Package> generalPackages() const;
     std::vector<model::Package> internationalPackages() const;
-    std::vector<model::Package> configurablePackages() const override;
-    std::vector<model::Package> customPackages() const override;
+    std::vector<model::Package> configurablePackages() const;
+    std::vector<model::Package> customPackages() const;
+
+    // The same lists, shared as they stand now; never null.
+    storage::PackageList generalPackageList() const;
+    storage::PackageList internationalPackageList() const;
+    storage::PackageList configurablePackageList() const override;
+    storage::PackageList customPackageList() const override;
 
     void setGeneralPackages(std::vector<model::Package> packages);
     void setInternationalPackages(std::vector<model::Package> packages);
@@ -132,10 +141,10 @@ public:
 
 private:
     struct Lists {
-        std::vector<model::Package> general;
-        std::vector<model::Package> international;
-        std::vector<model::Package> configurable;
-        std::vector<model::Package> custom;
+        storage::PackageList general;
+        storage::PackageList international;
+        storage::PackageList configurable;
+        storage::PackageList custom;
     };
 
     // Applies `edit` to the package `packageID` (configurable list first) under

@@ -8,9 +8,14 @@
 #include "platform/DispatchQueue.h"
 #include "platform/FatalError.h"
 #include "platform/Log.h"
+#include "storage/PathProvider.h"
 #include "storage/PersistentStore.h"
+#include "storage/SafariJSONBuilder.h"
 
 #include <algorithm>
+#include <filesystem>
+#include <optional>
+#include <span>
 #include <string>
 #include <utility>
 #include <vector>
@@ -22,6 +27,7 @@ namespace {
 using model::ExtensionType;
 using model::Package;
 using storage::PersistentStore;
+using storage::SafariJSONBuilder;
 
 // The package file of each general extension.
 model::JSONFileName generalFile(ExtensionType type) {
@@ -58,6 +64,43 @@ void readInGroup(platform::DispatchGroup& group,
         });
 }
 
+// Reads the general file of `type` on another queue than this one and adds
+// the blockers of the rules `selection` takes to `file` while they are
+// decoded. Returns how many packages the file held: none when it is missing
+// or failed to decode part way (what went into `file` is then to be dropped).
+std::size_t readGeneralFileInto(SafariJSONBuilder& file, ExtensionType type,
+                                const storage::EnabledRuleSelection& selection) {
+    std::optional<storage::EnabledRuleSelection::PackageRules> choice;
+    std::string choiceFor;
+    model::RuleHandler onRule = [&](const std::string& packageID, model::Rule&& rule) {
+        if (!choice || choiceFor != packageID) {
+            choice = selection.forPackage(packageID);
+            choiceFor = packageID;
+        }
+        if (choice->takesBlockingRule(rule)) file.add(rule.blocker);
+    };
+    std::size_t packages = 0;
+    platform::DispatchGroup group;
+    group.enter();
+    platform::DispatchQueue::global(platform::QualityOfService::userInitiated).async([&] {
+        PersistentStore::readPackageRules(generalFile(type), std::move(onRule), [&](std::vector<Package> read) {
+            packages = read.size();
+            group.leave();
+        });
+    });
+    group.wait();
+    return packages;
+}
+
+// The size of a general package file, to size its Safari JSON file by: the
+// entries take somewhat less room than the rules that hold them.
+std::size_t packageFileBytes(ExtensionType type) {
+    std::error_code error;
+    const auto bytes =
+        std::filesystem::file_size(storage::PathProvider::filtersFolderURL() / model::fileName(generalFile(type)), error);
+    return error ? 0 : static_cast<std::size_t>(bytes);
+}
+
 }  // namespace
 
 SaveReloadOperation::SaveReloadOperation(ExtensionType extensionType, bool allowsCancelling,
@@ -81,13 +124,13 @@ void SaveReloadOperation::main() {
     // and custom packages, so those two are loaded whatever the extension.
     {
         platform::DispatchGroup group;
-        if (dataManager_.configurablePackages().empty()) {
+        if (dataManager_.configurablePackageList()->empty()) {
             readInGroup(group, &PersistentStore::readConfigurablePackages,
                         [this](std::vector<Package> packages) {
                             dataManager_.setConfigurablePackages(std::move(packages));
                         });
         }
-        if (dataManager_.customPackages().empty()) {
+        if (dataManager_.customPackageList()->empty()) {
             readInGroup(group, &PersistentStore::readCustomPackages, [this](std::vector<Package> packages) {
                 dataManager_.setCustomPackages(std::move(packages));
             });
@@ -95,74 +138,83 @@ void SaveReloadOperation::main() {
         group.wait();
     }
 
-    std::vector<Package> packages;
+    const auto preferences = dataManager_.preferenceManager();
+    // The packages to choose from, shared with the data manager, and the
+    // lists that hold them (kept alive while the packages are read).
+    std::vector<std::span<const Package>> packages;
+    std::vector<storage::PackageList> lists;
+    const auto take = [&](storage::PackageList list) {
+        if (!list->empty()) packages.emplace_back(*list);
+        lists.push_back(std::move(list));
+    };
+    // A general file that the data manager does not hold is read for this run
+    // only, and its blockers go into the Safari JSON file as its rules are
+    // decoded: the package itself is never whole in memory.
+    std::optional<SafariJSONBuilder> streamed;
+    std::size_t streamedPackages = 0;
     if (isGeneral(extensionType_)) {
-        const auto general = dataManager_.generalPackages();
-        const auto held = std::find_if(general.begin(), general.end(),
+        storage::PackageList general = dataManager_.generalPackageList();
+        const auto held = std::find_if(general->begin(), general->end(),
                                        [this](const Package& package) { return package.type() == extensionType_; });
-        if (held != general.end() && !held->rules.empty()) {
-            packages.push_back(*held);
+        if (held != general->end() && !held->rules.empty()) {
+            packages.emplace_back(&*held, 1);
+            lists.push_back(std::move(general));
         } else {
-            // Read for this run only: the data manager keeps what it holds.
-            platform::DispatchGroup group;
-            group.enter();
-            const model::JSONFileName file = generalFile(extensionType_);
-            platform::DispatchQueue::global(platform::QualityOfService::userInitiated).async([&] {
-                PersistentStore::readPackages(model::PackageCategory::general, file,
-                                              [&](std::vector<Package> read) {
-                                                  packages = std::move(read);
-                                                  group.leave();
-                                              });
-            });
-            group.wait();
+            streamed.emplace(packageFileBytes(extensionType_));
+            streamedPackages = readGeneralFileInto(*streamed, extensionType_, preferences->enabledRuleSelection());
         }
     } else if (extensionType_ == ExtensionType::regionalRules) {
-        if (dataManager_.internationalPackages().empty()) {
+        if (dataManager_.internationalPackageList()->empty()) {
             platform::DispatchGroup group;
             readInGroup(group, &PersistentStore::readInternationalPackages, [this](std::vector<Package> read) {
                 dataManager_.setInternationalPackages(std::move(read));
             });
             group.wait();
         }
-        packages = dataManager_.internationalPackages();
+        take(dataManager_.internationalPackageList());
         if (packages.empty()) {
             platform::consolePrint("⛔️ Don't writing to " + rawValue +
                                    " because DataManager.internationalPackages is empty");
             return;
         }
     } else {
-        packages = dataManager_.configurablePackages();
-        auto custom = dataManager_.customPackages();
-        packages.insert(packages.end(), std::make_move_iterator(custom.begin()),
-                        std::make_move_iterator(custom.end()));
+        take(dataManager_.configurablePackageList());
+        take(dataManager_.customPackageList());
     }
 
-    if (packages.empty()) {
+    std::size_t packageCount = streamedPackages;
+    for (const auto& part : packages) packageCount += part.size();
+    if (packageCount == 0) {
         platform::consolePrint("⛔️ Don't writing to " + rawValue + " because packages [] is empty");
         return;
     }
 
-    platform::consolePrint("Searching enabled rules in " + std::to_string(packages.size()) + " packages");
+    platform::consolePrint("Searching enabled rules in " + std::to_string(packageCount) + " packages");
     if (reachedCheckpointCancelled()) return;
 
-    const auto preferences = dataManager_.preferenceManager();
-    std::vector<model::Blocker> blockers = preferences->findEnabledBlockersRemovingWhitelistRules(std::move(packages));
-    platform::consolePrint("Found " + std::to_string(blockers.size()) + " enabled rules");
+    std::optional<SafariJSONBuilder> built;
+    if (!streamed) {
+        built.emplace();
+        for (const auto& part : packages) {
+            preferences->findEnabledBlockersRemovingWhitelistRules(
+                part, [&built](const model::Blocker& blocker) { built->add(blocker); });
+        }
+    }
+    SafariJSONBuilder& file = streamed ? *streamed : *built;
+    platform::consolePrint("Found " + std::to_string(file.count()) + " enabled rules");
     if (reachedCheckpointCancelled()) return;
 
     // An extension with nothing enabled gets no whitelisting entries either.
-    if (!blockers.empty()) {
-        auto whitelist = preferences->findEnabledWhitelistBlockers(extensionType_);
-        const std::size_t added = whitelist.size();
-        blockers.insert(blockers.end(), std::make_move_iterator(whitelist.begin()),
-                        std::make_move_iterator(whitelist.end()));
-        platform::consolePrint("Added " + std::to_string(added) + " whitelist rules");
+    if (file.count() > 0) {
+        const auto whitelist = preferences->findEnabledWhitelistBlockers(extensionType_);
+        for (const model::Blocker& blocker : whitelist) file.add(blocker);
+        platform::consolePrint("Added " + std::to_string(whitelist.size()) + " whitelist rules");
     }
     if (reachedCheckpointCancelled()) return;
 
     // A failed write still reloads: Safari then compiles whatever file is on
     // disk, which keeps the extension in a known state.
-    if (auto written = PersistentStore::write(std::move(blockers), extensionType_); !written) {
+    if (auto written = PersistentStore::write(file, extensionType_); !written) {
         platform::consolePrint("Can't save to Safari JSON file and reload Safari: " +
                                written.error().description());
     }

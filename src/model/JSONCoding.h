@@ -1,6 +1,7 @@
 #pragma once
 
 #include <expected>
+#include <functional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -87,6 +88,17 @@ Decoded<std::vector<Package>> decodePackages(JSONInput json);
 // One package object (the general package files). "createdAt" absent or null
 // gives the moment of decoding.
 Decoded<Package> decodePackage(JSONInput json);
+
+// Where decodePackageRuleByRule hands each rule, with its package's identifier.
+using RuleHandler = std::function<void(const std::string& packageID, Rule&& rule)>;
+
+// One package object like decodePackage, but each rule goes to `onRule` as
+// soon as it is decoded instead of into the package, which comes back without
+// rules: a filter list of fifty thousand rules is never whole in memory. The
+// identifier comes with the first rule even when "id" follows "rules" in the
+// file. A failure anywhere fails the whole decode, with the same printed
+// lines as decodePackage; the rules `onRule` got by then are to be dropped.
+Decoded<Package> decodePackageRuleByRule(JSONInput json, const RuleHandler& onRule);
 
 Decoded<Rule> decodeRule(JSONInput json);
 Decoded<Blocker> decodeBlocker(JSONInput json);

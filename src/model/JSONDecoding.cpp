@@ -349,15 +349,36 @@ Result<Rule> readRuleUnreported(od::value& value) {
 
 Result<Rule> readRule(od::value& value) { return printingFailure(readRuleUnreported(value)); }
 
-Result<Package> readPackage(od::value& value) {
+// The rules of a package as they are decoded, for a caller that takes them
+// one by one (see decodePackageRuleByRule): the package's identifier, looked
+// up before the walk, and where each rule goes.
+struct RuleStream {
+    const std::string& packageID;
+    const RuleHandler& onRule;
+};
+
+Result<Package> readPackage(od::value& value, const RuleStream* stream) {
     std::optional<std::string> id;
     std::optional<std::string> name;
     std::optional<std::vector<Rule>> rules;
     std::optional<double> createdAt;
+    const auto readStreamed = [stream](od::value& list) -> Result<std::vector<Rule>> {
+        auto walked = forEachElement(list, [stream](od::value& element) -> Result<void> {
+            auto rule = readRule(element);
+            if (!rule) return std::unexpected(rule.error());
+            stream->onRule(stream->packageID, std::move(*rule));
+            return {};
+        });
+        if (!walked) return std::unexpected(walked.error());
+        return std::vector<Rule>{};
+    };
     auto walked = forEachField(value, [&](std::string_view key, od::value& field) -> Result<void> {
         if (key == "id") return readInto(field, id, readString);
         if (key == "name") return readInto(field, name, readString);
-        if (key == "rules") return readInto(field, rules, [](od::value& list) { return readArray<Rule>(list, readRule); });
+        if (key == "rules") {
+            if (stream) return readInto(field, rules, readStreamed);
+            return readInto(field, rules, [](od::value& list) { return readArray<Rule>(list, readRule); });
+        }
         if (key == "createdAt") return readOptional(field, createdAt, readNumber);
         return {};
     });
@@ -372,6 +393,8 @@ Result<Package> readPackage(od::value& value) {
     }();
     return printingFailure(std::move(result));
 }
+
+Result<Package> readWholePackage(od::value& value) { return readPackage(value, nullptr); }
 
 Result<FirewallRule> readFirewallRule(od::value& value) {
     std::optional<std::string> id;
@@ -406,11 +429,18 @@ Result<FirewallPackage> readFirewallPackage(od::value& value) {
 
 // --- Documents ---------------------------------------------------------------
 
+// Looks at a parsed document before it is decoded, so that the decoder
+// starts from the top afterwards. Returns false when it met an error, which
+// leaves the document unusable (it is parsed again).
+struct NoPrescan {
+    bool operator()(od::document&) const { return true; }
+};
+
 // Parses `json` and hands its top-level value to `decode`, which must be an
 // object or an array (On-Demand cannot treat a scalar document as a value;
 // none of our formats is one). Anything after that value is an error.
-template <typename T, typename Decode>
-Decoded<T> decodeDocument(JSONInput input, std::string_view expected, Decode&& decode) {
+template <typename T, typename Decode, typename Prescan = NoPrescan>
+Decoded<T> decodeDocument(JSONInput input, std::string_view expected, Decode&& decode, Prescan&& prescan = {}) {
     const auto failed = [](const Failure& failure) { return std::unexpected(DecodingError{failure.description()}); };
     std::optional<simdjson::padded_string> copy;
     if (input.padded() == nullptr) copy.emplace(input.text());
@@ -423,6 +453,13 @@ Decoded<T> decodeDocument(JSONInput input, std::string_view expected, Decode&& d
     if (auto error = document.type().get(type)) return failed(fail(error).error());
     if (type != od::json_type::object && type != od::json_type::array) {
         return failed(fail("expected " + std::string(expected) + ", found " + std::string(typeName(type))).error());
+    }
+    if constexpr (!std::is_same_v<std::remove_cvref_t<Prescan>, NoPrescan>) {
+        if (prescan(document)) {
+            document.rewind();
+        } else if (auto error = parser.iterate(json).get(document)) {
+            return failed(fail(error).error());
+        }
     }
     od::value root;
     if (auto error = document.get_value().get(root)) return failed(fail(error).error());
@@ -449,11 +486,11 @@ Result<PackageFile> readPackageFile(od::value& root, od::json_type type) {
     PackageFile file;
     file.isArray = type == od::json_type::array;
     if (file.isArray) {
-        auto packages = readArray<Package>(root, readPackage);
+        auto packages = readArray<Package>(root, readWholePackage);
         if (!packages) return std::unexpected(packages.error());
         file.packages = std::move(*packages);
     } else {
-        auto package = readPackage(root);
+        auto package = readWholePackage(root);
         if (!package) return std::unexpected(package.error());
         file.packages.push_back(std::move(*package));
     }
@@ -466,8 +503,37 @@ Decoded<PackageFile> decodePackageFile(JSONInput json) {
     return decodeDocument<PackageFile>(json, "object or array", readPackageFile);
 }
 
-Decoded<std::vector<Package>> decodePackages(JSONInput json) { return decodeArray<Package>(json, readPackage); }
-Decoded<Package> decodePackage(JSONInput json) { return decodeObject<Package>(json, readPackage); }
+Decoded<std::vector<Package>> decodePackages(JSONInput json) { return decodeArray<Package>(json, readWholePackage); }
+Decoded<Package> decodePackage(JSONInput json) {
+    return decodeObject<Package>(json, readWholePackage);
+}
+
+Decoded<Package> decodePackageRuleByRule(JSONInput json, const RuleHandler& onRule) {
+    // The identifier that the walk will end up with (the last "id" wins, as
+    // in the walk), so that the rules read before it already carry it.
+    std::string packageID;
+    const auto findID = [&packageID](od::document& document) {
+        od::object object;
+        if (document.get_object().get(object)) return false;
+        for (auto fieldResult : object) {
+            od::field field;
+            std::string_view key;
+            if (std::move(fieldResult).get(field) || field.unescaped_key().get(key)) return false;
+            od::value value = field.value();
+            od::json_type type;
+            if (value.type().get(type)) return false;
+            std::string_view text;
+            if (key == "id" && type == od::json_type::string) {
+                if (value.get_string().get(text)) return false;
+                packageID = text;
+            }
+        }
+        return true;
+    };
+    const RuleStream stream{packageID, onRule};
+    return decodeDocument<Package>(
+        json, "object", [&stream](od::value& root, od::json_type) { return readPackage(root, &stream); }, findID);
+}
 Decoded<Rule> decodeRule(JSONInput json) { return decodeObject<Rule>(json, readRule); }
 Decoded<Blocker> decodeBlocker(JSONInput json) { return decodeObject<Blocker>(json, readBlocker); }
 Decoded<Trigger> decodeTrigger(JSONInput json) { return decodeObject<Trigger>(json, readTrigger); }

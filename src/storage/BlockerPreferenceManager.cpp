@@ -135,21 +135,6 @@ void updateRuleMap(Change&& change) {
     });
 }
 
-bool isPackageDisabled(const model::Package& package, const DisabledPackages& packages) {
-    const auto entry = packages.find(package.id);
-    return entry != packages.end() && entry->second;
-}
-
-// Blockers of the package's enabled rules that whitelist `extensionType`.
-void appendWhitelistBlockers(const model::Package& package, model::ExtensionType extensionType,
-                             const DisabledRules& rules, std::vector<model::Blocker>& result) {
-    for (const model::Rule& rule : package.rules) {
-        if (!isDisabledFast(rule, package.id, rules) && rule.isWhitelist(extensionType)) {
-            result.push_back(rule.blocker);
-        }
-    }
-}
-
 bool holdsWhitelistRule(const model::Package& package) {
     return std::any_of(package.rules.begin(), package.rules.end(), [](const model::Rule& rule) {
         return rule.blocker.action.type == model::ActionType::ignorePreviousRules;
@@ -281,22 +266,19 @@ namespace {
 
 // The selection over packages that are copied from (const) or moved from.
 template <class Packages>
-std::vector<model::Blocker> selectEnabledBlockers(Packages&& packages, const DisabledRules& rules,
-                                                  const DisabledPackages& disabled) {
+std::vector<model::Blocker> selectEnabledBlockers(Packages&& packages, const EnabledRuleSelection& selection) {
     std::size_t capacity = 0;
     for (const model::Package& package : packages) capacity += package.rules.size();
     std::vector<model::Blocker> result;
     result.reserve(capacity);
     for (auto&& package : packages) {
-        if (isPackageDisabled(package, disabled) || package.isConfigurableWhitelist()) continue;
-        const model::ExtensionType ownType = package.type();
+        const auto choice = selection.forPackage(package.id);
         for (auto&& rule : package.rules) {
-            if (!isDisabledFast(rule, package.id, rules) && !rule.isWhitelist(ownType)) {
-                if constexpr (std::is_const_v<std::remove_reference_t<decltype(rule)>>) {
-                    result.push_back(rule.blocker);
-                } else {
-                    result.push_back(std::move(rule.blocker));
-                }
+            if (!choice.takesBlockingRule(rule)) continue;
+            if constexpr (std::is_const_v<std::remove_reference_t<decltype(rule)>>) {
+                result.push_back(rule.blocker);
+            } else {
+                result.push_back(std::move(rule.blocker));
             }
         }
     }
@@ -305,37 +287,60 @@ std::vector<model::Blocker> selectEnabledBlockers(Packages&& packages, const Dis
 
 }  // namespace
 
+EnabledRuleSelection BlockerPreferenceManager::enabledRuleSelection() const {
+    return EnabledRuleSelection(disabledPackages(), disabledRules());
+}
+
 std::vector<model::Blocker> BlockerPreferenceManager::findEnabledBlockersRemovingWhitelistRules(
     const std::vector<model::Package>& packages) const {
-    return selectEnabledBlockers(packages, disabledRules(), disabledPackages());
+    return selectEnabledBlockers(packages, enabledRuleSelection());
 }
 
 std::vector<model::Blocker> BlockerPreferenceManager::findEnabledBlockersRemovingWhitelistRules(
     std::vector<model::Package>&& packages) const {
-    auto result = selectEnabledBlockers(packages, disabledRules(), disabledPackages());
+    auto result = selectEnabledBlockers(packages, enabledRuleSelection());
     packages.clear();
     return result;
+}
+
+std::size_t BlockerPreferenceManager::findEnabledBlockersRemovingWhitelistRules(
+    std::span<const model::Package> packages, const std::function<void(const model::Blocker&)>& found) const {
+    const EnabledRuleSelection selection = enabledRuleSelection();
+    std::size_t count = 0;
+    for (const model::Package& package : packages) {
+        const auto choice = selection.forPackage(package.id);
+        for (const model::Rule& rule : package.rules) {
+            if (!choice.takesBlockingRule(rule)) continue;
+            found(rule.blocker);
+            ++count;
+        }
+    }
+    return count;
 }
 
 std::vector<model::Blocker> BlockerPreferenceManager::findEnabledWhitelistBlockers(
     model::ExtensionType extensionType) const {
     const PackageSource* source = collaborators_.packages ? collaborators_.packages : PackageSource::shared();
-    const std::vector<model::Package> configurable = source ? source->configurablePackages()
-                                                            : std::vector<model::Package>{};
-    const auto whitelist = std::find_if(configurable.begin(), configurable.end(),
-                                        [](const model::Package& package) { return package.isConfigurableWhitelist(); });
-    if (whitelist == configurable.end()) {
+    const PackageList configurable = source ? source->configurablePackageList() : nullptr;
+    const auto isWhitelist = [](const model::Package& package) { return package.isConfigurableWhitelist(); };
+    const auto whitelist = configurable ? std::find_if(configurable->begin(), configurable->end(), isWhitelist)
+                                        : std::vector<model::Package>::const_iterator{};
+    if (!configurable || whitelist == configurable->end()) {
         consolePrint("Can't find Whitelist package in DataManager.configurablePackages");
         return {};
     }
 
-    const DisabledRules rules = disabledRules();
-    const DisabledPackages disabled = disabledPackages();
+    const EnabledRuleSelection selection = enabledRuleSelection();
     std::vector<model::Blocker> result;
-    if (!isPackageDisabled(*whitelist, disabled)) appendWhitelistBlockers(*whitelist, extensionType, rules, result);
-    for (const model::Package& custom : source->customPackages()) {
-        if (!isPackageDisabled(custom, disabled)) appendWhitelistBlockers(custom, extensionType, rules, result);
-    }
+    const auto append = [&](const model::Package& package) {
+        const auto choice = selection.forPackage(package.id);
+        for (const model::Rule& rule : package.rules) {
+            if (choice.takesWhitelistRule(rule, extensionType)) result.push_back(rule.blocker);
+        }
+    };
+    append(*whitelist);
+    const PackageList custom = source->customPackageList();
+    for (const model::Package& package : *custom) append(package);
     return result;
 }
 

@@ -9,10 +9,13 @@
 #include "platform/Store.h"
 #include "storage/BlockerPreferenceChangesObserver.h"
 #include "storage/DisabledStateMaps.h"
+#include "storage/EnabledRuleSelection.h"
 #include "storage/ExtensionReloading.h"
 #include "storage/PackageSource.h"
 
+#include <functional>
 #include <memory>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -72,6 +75,8 @@ public:
     // first read of each map in a shared container moves the older layout.
     DisabledPackages disabledPackages() const;
     DisabledRules disabledRules() const;
+    // Both maps read once, for choosing among many rules.
+    EnabledRuleSelection enabledRuleSelection() const;
 
     // Switches a rule back on (stores an explicit false). Posts
     // "WillSaveUserPreference" and "DidSaveUserPreference" on the main queue
@@ -103,6 +108,10 @@ public:
     // needed (the compiler's lists can be tens of megabytes).
     std::vector<model::Blocker> findEnabledBlockersRemovingWhitelistRules(
         std::vector<model::Package>&& packages) const;
+    // The same, handing each blocker to `found` in order instead of
+    // gathering copies; returns how many it found.
+    std::size_t findEnabledBlockersRemovingWhitelistRules(std::span<const model::Package> packages,
+                                                          const std::function<void(const model::Blocker&)>& found) const;
     // The enabled whitelisting blockers for one extension: the configurable
     // whitelist package's first, then the custom packages'.
     std::vector<model::Blocker> findEnabledWhitelistBlockers(model::ExtensionType extensionType) const;

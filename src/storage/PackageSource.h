@@ -2,6 +2,7 @@
 
 #include "model/Package.h"
 
+#include <memory>
 #include <vector>
 
 // Where the disabled-state selections find the user's configurable and custom
@@ -10,14 +11,19 @@
 // depending on it.
 namespace tamsel::storage {
 
+// A list as it stood when it was asked for. Lists are never changed in
+// place: a change replaces the whole list, so a holder may read its list for
+// as long as it likes while other threads go on editing, and sharing one
+// costs no copy of its rules.
+using PackageList = std::shared_ptr<const std::vector<model::Package>>;
+
 class PackageSource {
 public:
     virtual ~PackageSource() = default;
 
-    // Copies, so that a caller never reads a list while another thread
-    // replaces it.
-    virtual std::vector<model::Package> configurablePackages() const = 0;
-    virtual std::vector<model::Package> customPackages() const = 0;
+    // Never null.
+    virtual PackageList configurablePackageList() const = 0;
+    virtual PackageList customPackageList() const = 0;
 
     // The process's source, or nullptr while none is registered. The source
     // must outlive its registration.

@@ -6,6 +6,7 @@
 
 #include <exception>
 #include <system_error>
+#include <type_traits>
 #include <utility>
 
 #include "model/JSONCoding.h"
@@ -13,6 +14,7 @@
 #include "platform/Log.h"
 #include "storage/Directory.h"
 #include "storage/PathProvider.h"
+#include "storage/SafariJSONBuilder.h"
 
 namespace tamsel::storage {
 
@@ -30,7 +32,7 @@ const platform::SystemLogger& logger() {
 // The encoders report trouble (running out of memory on a huge list) by
 // throwing; that becomes failedEncodeJSON.
 template <class Encode>
-std::expected<std::string, WritingToFileError> encode(const fs::path& path, Encode&& encodeBytes) {
+std::expected<std::invoke_result_t<Encode>, WritingToFileError> encode(const fs::path& path, Encode&& encodeBytes) {
     try {
         return encodeBytes();
     } catch (const std::exception& error) {
@@ -158,28 +160,38 @@ model::Blocker PersistentStore::placeholderBlocker() {
 
 PersistentStore::WriteResult PersistentStore::write(const std::optional<std::vector<model::Blocker>>& blockers,
                                                     model::ExtensionType toSafariJSON) {
+    SafariJSONBuilder file;
+    auto added = encode(PathProvider::safariJSONFilePath(toSafariJSON), [&] {
+        if (blockers) {
+            for (const model::Blocker& blocker : *blockers) file.add(blocker);
+        }
+        return true;
+    });
+    if (!added) return std::unexpected(added.error());
+    return write(file, toSafariJSON);
+}
+
+PersistentStore::WriteResult PersistentStore::write(SafariJSONBuilder& file, model::ExtensionType toSafariJSON) {
     const fs::path path = PathProvider::safariJSONFilePath(toSafariJSON);
     // Safari refuses a list without entries, so "no entries" is written as
     // one entry that matches nothing.
-    const bool hasEntries = blockers && !blockers->empty();
-    auto bytes = encode(path, [&] {
-        return hasEntries ? model::encodeBlockers(*blockers) : model::encodeBlockers({placeholderBlocker()});
-    });
+    const std::size_t count = file.count();
+    auto bytes = encode(path, [&] { return file.finish(); });
     if (!bytes) return std::unexpected(bytes.error());
 
     std::error_code ignored;
     fs::create_directories(path.parent_path(), ignored);
     if (!platform::writeFileAtomically(path, *bytes)) {
-        if (hasEntries) {
+        if (count > 0) {
             logger().error("Could not write %ld blockers to Safari JSON file in shared container: %s",
-                           static_cast<long>(blockers->size()), path.c_str());
+                           static_cast<long>(count), path.c_str());
         } else {
             logger().error("Could not remove blockers from Safari JSON file in shared container: %s", path.c_str());
         }
         return std::unexpected(WritingToFileError::failedCreateFile(path));
     }
-    if (hasEntries) {
-        logger().info("Wrote %ld blockers to: %s", static_cast<long>(blockers->size()), path.c_str());
+    if (count > 0) {
+        logger().info("Wrote %ld blockers to: %s", static_cast<long>(count), path.c_str());
     } else {
         logger().info("Removed blockers from Safari JSON file in shared container: %s", path.c_str());
     }

@@ -12,6 +12,7 @@
 #include "model/Blocker.h"
 #include "model/ExtensionType.h"
 #include "model/Hashing.h"
+#include "model/JSONCoding.h"
 #include "model/JSONFileName.h"
 #include "model/Package.h"
 #include "model/PackageCategory.h"
@@ -45,6 +46,8 @@
 // unless a download was needed, in which case they run where the download
 // finished.
 namespace tamsel::storage {
+
+class SafariJSONBuilder;
 
 class PersistentStore {
 public:
@@ -117,6 +120,13 @@ public:
     // this method only for General category".
     static void readPackages(model::PackageCategory category, model::JSONFileName from,
                              PackagesCompletion completion);
+    // The general file `from` like readPackages, but rule by rule: `onRule`
+    // gets each rule as it is decoded, then `completion` the package without
+    // its rules, or nothing. Nothing means the file was missing or did not
+    // decode, and whatever `onRule` got is to be dropped. `onRule` runs on
+    // the reading thread, before `completion`.
+    static void readPackageRules(model::JSONFileName from, model::RuleHandler onRule,
+                                 PackagesCompletion completion);
 
     // --- Writing packages --------------------------------------------------------
 
@@ -140,6 +150,8 @@ public:
     // needed and marks the file excluded from backup and hidden.
     [[nodiscard]] static WriteResult write(const std::optional<std::vector<model::Blocker>>& blockers,
                                            model::ExtensionType toSafariJSON);
+    // The same for entries gathered in `file` (finished here).
+    [[nodiscard]] static WriteResult write(SafariJSONBuilder& file, model::ExtensionType toSafariJSON);
     // Puts `blocker` first in the custom extension's Safari JSON file without
     // compiling the file again: the text becomes "[" + entry + "," + the old
     // text after its first character. A zero-byte file is left alone

@@ -152,8 +152,27 @@ bool moveFromOldLocation(std::string_view name, const fs::path& oldPath, const f
     return true;
 }
 
+// How a file's bytes become its packages.
+using FileDecoder = std::function<model::Decoded<std::vector<Package>>(const simdjson::padded_string&)>;
+
+model::Decoded<std::vector<Package>> decodeList(const simdjson::padded_string& bytes) {
+    return model::decodePackages(bytes);
+}
+
+// A general file's one package, as the list its readers take.
+model::Decoded<std::vector<Package>> asList(model::Decoded<Package> package) {
+    if (!package) return std::unexpected(package.error());
+    std::vector<Package> result;
+    result.push_back(std::move(*package));
+    return result;
+}
+
+model::Decoded<std::vector<Package>> decodeSingle(const simdjson::padded_string& bytes) {
+    return asList(model::decodePackage(bytes));
+}
+
 // The packages of one file, or none. A single-package file gives at most one.
-std::vector<Package> decodeFile(const fs::path& path, std::string_view name, bool isList) {
+std::vector<Package> decodeFile(const fs::path& path, std::string_view name, const FileDecoder& decode) {
     auto bytes = readPadded(path);
     if (!bytes) {
         logger().error("%s", describe(path, bytes.error()).c_str());
@@ -163,20 +182,13 @@ std::vector<Package> decodeFile(const fs::path& path, std::string_view name, boo
         logger().error("Package file %.*s is empty", static_cast<int>(name.size()), name.data());
         return {};
     }
-    const auto undecodable = [name](const model::DecodingError& error) {
+    auto packages = decode(*bytes);
+    if (!packages) {
         logger().error("Failed to decode package file %.*s. Error: %s", static_cast<int>(name.size()), name.data(),
-                       error.description.c_str());
-        return std::vector<Package>{};
-    };
-    if (isList) {
-        auto packages = model::decodePackages(*bytes);
-        return packages ? std::move(*packages) : undecodable(packages.error());
+                       packages.error().description.c_str());
+        return {};
     }
-    auto package = model::decodePackage(*bytes);
-    if (!package) return undecodable(package.error());
-    std::vector<Package> result;
-    result.push_back(std::move(*package));
-    return result;
+    return std::move(*packages);
 }
 
 using FileCompletion = std::function<void(std::vector<Package>)>;
@@ -184,7 +196,7 @@ using FileCompletion = std::function<void(std::vector<Package>)>;
 // Reads one package file, moving it from the old location first and, when it
 // is missing and `mayDownload` is set, fetching the rule archive once and
 // reading again. `completion` gets the packages, or none.
-void readPackageFile(JSONFileName file, bool isList, bool mayDownload, FileCompletion completion) {
+void readPackageFile(JSONFileName file, FileDecoder decode, bool mayDownload, FileCompletion completion) {
     const std::string_view name = model::rawValue(file);
     const fs::path newPath = PathProvider::filtersFolderURL() / model::fileName(file);
     const fs::path oldPath = PathProvider::sharedContainerURL() / model::fileName(file);
@@ -195,17 +207,17 @@ void readPackageFile(JSONFileName file, bool isList, bool mayDownload, FileCompl
         if (!oldExisted && mayDownload) {
             FilterArchiveDownloading::shared()->downloadZippedRules(
                 FilterArchiveDownloading::backgroundDownloadIdentifier,
-                [file, isList, completion = std::move(completion)](bool /*downloaded*/) mutable {
+                [file, decode = std::move(decode), completion = std::move(completion)](bool /*downloaded*/) mutable {
                     // Whatever the download did, the file is looked for once
                     // more, and only once.
-                    readPackageFile(file, isList, false, std::move(completion));
+                    readPackageFile(file, std::move(decode), false, std::move(completion));
                 });
             return;
         }
         completion({});
         return;
     }
-    completion(decodeFile(newPath, name, isList));
+    completion(decodeFile(newPath, name, decode));
 }
 
 }  // namespace
@@ -225,7 +237,7 @@ void PersistentStore::readGeneralPackages(PackagesCompletion completion) {
     for (JSONFileName file : generalFiles) {
         group->enter();
         queue.async([results, group, file] {
-            readPackageFile(file, false, true, [results, group, file](std::vector<Package> read) {
+            readPackageFile(file, decodeSingle, true, [results, group, file](std::vector<Package> read) {
                 bool placed = false;
                 if (!read.empty()) {
                     std::lock_guard lock(results->mutex);
@@ -255,14 +267,14 @@ void PersistentStore::readGeneralPackages(PackagesCompletion completion) {
 }
 
 void PersistentStore::readInternationalPackages(PackagesCompletion completion) {
-    readPackageFile(JSONFileName::blockInternational, true, true, [completion = std::move(completion)](auto packages) {
+    readPackageFile(JSONFileName::blockInternational, decodeList, true, [completion = std::move(completion)](auto packages) {
         if (completion) completion(std::move(packages));
     });
 }
 
 void PersistentStore::readConfigurablePackages(PackagesCompletion completion) {
     // The user's own rules are never downloaded.
-    readPackageFile(JSONFileName::blockConfigurable, true, false,
+    readPackageFile(JSONFileName::blockConfigurable, decodeList, false,
                     [completion = std::move(completion)](std::vector<Package> read) {
                         std::vector<Package> packages;
                         for (const ConfigurableDefault& entry : configurableDefaults) {
@@ -282,7 +294,7 @@ void PersistentStore::readConfigurablePackages(PackagesCompletion completion) {
 }
 
 void PersistentStore::readCustomPackages(PackagesCompletion completion) {
-    readPackageFile(JSONFileName::blockCustom, true, false, [completion = std::move(completion)](auto packages) {
+    readPackageFile(JSONFileName::blockCustom, decodeList, false, [completion = std::move(completion)](auto packages) {
         if (completion) completion(std::move(packages));
     });
 }
@@ -292,7 +304,16 @@ void PersistentStore::readPackages(model::PackageCategory category, JSONFileName
     if (category != model::PackageCategory::general) {
         platform::fatalError("Can use this method only for General category");
     }
-    readPackageFile(from, false, true, [completion = std::move(completion)](auto packages) {
+    readPackageFile(from, decodeSingle, true, [completion = std::move(completion)](auto packages) {
+        if (completion) completion(std::move(packages));
+    });
+}
+
+void PersistentStore::readPackageRules(JSONFileName from, model::RuleHandler onRule, PackagesCompletion completion) {
+    FileDecoder decode = [onRule = std::move(onRule)](const simdjson::padded_string& bytes) {
+        return asList(model::decodePackageRuleByRule(bytes, onRule));
+    };
+    readPackageFile(from, std::move(decode), true, [completion = std::move(completion)](auto packages) {
         if (completion) completion(std::move(packages));
     });
 }

@@ -178,6 +178,24 @@ TEST_F(DataManagerTest, RemoveByIdentifierTakesPackagesFirstThenRules) {
     EXPECT_FALSE(manager.removeByIdentifier("nothing"));
 }
 
+TEST_F(DataManagerTest, ASharedListStaysAsItWasWhileEditsReplaceIt) {
+    fillModel();
+    const storage::PackageList configurable = manager.configurablePackageList();
+    const storage::PackageList custom = manager.customPackageList();
+    EXPECT_EQ(manager.configurablePackageList(), configurable) << "sharing copies nothing";
+
+    manager.setRule(blockRule("added"), "block-url");
+    manager.addOrReplaceCustomPackage(package("new"));
+    ASSERT_TRUE(manager.removeByIdentifier("m1"));
+
+    EXPECT_THAT(ruleIDsOf((*configurable)[1]), IsEmpty());
+    EXPECT_THAT(idsOf(*custom), ElementsAre("mine", "yours"));
+    EXPECT_THAT(ruleIDsOf((*custom)[0]), ElementsAre("m1", "m2"));
+    EXPECT_THAT(ruleIDsOf(manager.configurablePackages()[1]), ElementsAre("added"));
+    EXPECT_THAT(idsOf(manager.customPackages()), ElementsAre("mine", "yours", "new"));
+    EXPECT_THAT(ruleIDsOf(manager.customPackages()[0]), ElementsAre("m2"));
+}
+
 // --- Saving ----------------------------------------------------------------------------
 
 TEST_F(DataManagerTest, SavingAnEmptyModelIsRefusedWithoutSideEffects) {

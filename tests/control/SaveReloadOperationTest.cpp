@@ -161,6 +161,33 @@ TEST_F(SaveReloadOperationTest, AHeldGeneralPackageWithoutRulesIsReadAfreshForTh
     EXPECT_THAT(social->rules, IsEmpty());
 }
 
+TEST_F(SaveReloadOperationTest, AGeneralFileReadFromDiskKeepsTheSelectionAndABrokenOneWritesNothing) {
+    // block-ads is not held: its file is read rule by rule, and the rules are
+    // chosen as in memory (a3 switched off, the own whitelisting rule last).
+    data.setGeneralPackages({});
+    ASSERT_TRUE(storage::PersistentStore::write(
+        package("block-ads", {blockRule("ads1"), whitelistRule("ads-own-wl"), blockRule("ads2"), blockRule("ads3")}),
+        model::JSONFileName::blockAds));
+    ASSERT_TRUE(run(ExtensionType::blockAds));
+    EXPECT_THAT(*fileEntries(ExtensionType::blockAds),
+                ElementsAre("ads1", "ads2", "wl-all", "wl-ads-trk", "mine-wl-ads", "mine-wl-all"));
+    EXPECT_TRUE(log.contains("Searching enabled rules in 1 packages"));
+    EXPECT_TRUE(log.contains("Found 2 enabled rules"));
+
+    // A rule that fails to decode after good ones: the whole file counts as
+    // unreadable, and the Safari JSON file of the last run stays as it was.
+    const std::string good = model::encodeRule(blockRule("good"));
+    ASSERT_TRUE(platform::writeFileAtomically(
+        storage::PathProvider::filtersFolderURL() / model::fileName(model::JSONFileName::blockAds),
+        R"({"id":"block-ads","name":"Ads","rules":[)" + good + R"(,{"id":"bad","name":"bad"}]})"));
+    reloadRequests.clear();
+    EXPECT_FALSE(run(ExtensionType::blockAds));
+    EXPECT_TRUE(log.contains("⛔️ Don't writing to block-ads because packages [] is empty"));
+    EXPECT_THAT(*fileEntries(ExtensionType::blockAds),
+                ElementsAre("ads1", "ads2", "wl-all", "wl-ads-trk", "mine-wl-ads", "mine-wl-all"));
+    EXPECT_THAT(reloadRequests, IsEmpty());
+}
+
 TEST_F(SaveReloadOperationTest, NoPackagesMeansNoFileNoReloadAndTheOldFileStays) {
     // Annoyances: nothing held and no file on disk.
     EXPECT_FALSE(run(ExtensionType::blockAnnoyances));

@@ -125,6 +125,60 @@ TEST(RulePackageTest, RuleWithoutContentFailsAndSoDoesItsPackageWithPrintedError
     EXPECT_THAT(packageLog.lines(), ElementsAre(R"(missing key "content")", R"(rules[1]: missing key "content")"));
 }
 
+// Rule by rule: what a whole decode would hold, handed over one rule at a time.
+struct StreamedRules {
+    std::vector<std::pair<std::string, std::string>> rules;  // (package id, rule id)
+    Decoded<Package> decode(std::string_view json) {
+        return decodePackageRuleByRule(std::string(json), [this](const std::string& packageID, Rule&& rule) {
+            rules.emplace_back(packageID, rule.id);
+        });
+    }
+};
+
+TEST(RulePackageTest, RuleByRuleHandsOverWhatTheWholeDecodeHoldsWithTheIdentifierFirst) {
+    const std::string rule1 = R"({"id":"1","name":"a","content":{"trigger":{"url-filter":"x"},"action":{"type":"block"}}})";
+    const std::string rule2 = R"({"id":"2","name":"b","content":{"trigger":{"url-filter":"y"},"action":{"type":"block"}}})";
+    // "id" after "rules", given twice: the last one counts, in both decodes.
+    const std::string json = R"({"name":"P","rules":[)" + rule1 + "," + rule2 +
+                             R"(],"id":"first","createdAt":731376000,"id":"block-ads"})";
+    StreamedRules streamed;
+    auto header = streamed.decode(json);
+    ASSERT_TRUE(header.has_value()) << header.error().description;
+    auto whole = decodePackage(json);
+    ASSERT_TRUE(whole.has_value());
+    EXPECT_EQ(header->id, "block-ads");
+    EXPECT_EQ(header->id, whole->id);
+    EXPECT_EQ(header->createdAt, whole->createdAt);
+    EXPECT_THAT(header->rules, IsEmpty());
+    EXPECT_THAT(streamed.rules, ElementsAre(std::pair<std::string, std::string>{"block-ads", "1"},
+                                            std::pair<std::string, std::string>{"block-ads", "2"}));
+}
+
+TEST(RulePackageTest, RuleByRuleFailsLikeTheWholeDecodeAfterHandingOverTheRulesBefore) {
+    const std::string json = R"({"id":"p","name":"P","rules":[)"
+                             R"({"id":"1","name":"ok","content":{"trigger":{"url-filter":"x"},"action":{"type":"block"}}},)"
+                             R"({"id":"2","name":"broken"}]})";
+    testing::LogCapture streamedLog;
+    StreamedRules streamed;
+    auto header = streamed.decode(json);
+    ASSERT_FALSE(header.has_value());
+    const auto streamedLines = streamedLog.lines();
+
+    testing::LogCapture wholeLog;
+    auto whole = decodePackage(json);
+    ASSERT_FALSE(whole.has_value());
+    EXPECT_EQ(header.error(), whole.error());
+    EXPECT_EQ(streamedLines, wholeLog.lines());
+    EXPECT_EQ(streamed.rules.size(), 1u);  // the caller drops it
+
+    // Broken JSON and the wrong top-level type fail before any rule.
+    StreamedRules none;
+    EXPECT_EQ(none.decode("[]").error().description, "expected object, found array");
+    EXPECT_FALSE(none.decode(R"({"id":"p","name":"P","rules":[{"id":)").has_value());
+    EXPECT_FALSE(none.decode(R"({"id":"p","name":"P","rules":[]} trailing)").has_value());
+    EXPECT_THAT(none.rules, IsEmpty());
+}
+
 TEST(RulePackageTest, PackageRequiresIdNameAndRules) {
     testing::LogCapture log;
     EXPECT_EQ(decodePackage(R"({"name":"P","rules":[]})").error().description, R"(missing key "id")");

@@ -48,8 +48,8 @@ class FakePackageSource : public PackageSource {
 public:
     std::vector<Package> configurable;
     std::vector<Package> custom;
-    std::vector<Package> configurablePackages() const override { return configurable; }
-    std::vector<Package> customPackages() const override { return custom; }
+    PackageList configurablePackageList() const override { return std::make_shared<std::vector<Package>>(configurable); }
+    PackageList customPackageList() const override { return std::make_shared<std::vector<Package>>(custom); }
 };
 
 class RecordingObserver : public BlockerPreferenceChangesObserver {
