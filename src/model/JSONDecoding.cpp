@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "model/JSONCoding.h"
+#include "model/JSONParserPool.h"
 #include "model/ReferenceDate.h"
 #include "platform/Log.h"
 
@@ -446,9 +447,9 @@ Decoded<T> decodeDocument(JSONInput input, std::string_view expected, Decode&& d
     if (input.padded() == nullptr) copy.emplace(input.text());
     const simdjson::padded_string& json = copy ? *copy : *input.padded();
 
-    od::parser parser;
+    const JSONParserPool::Lease parser = JSONParserPool::take();
     od::document document;
-    if (auto error = parser.iterate(json).get(document)) return failed(fail(error).error());
+    if (auto error = parser->iterate(json).get(document)) return failed(fail(error).error());
     od::json_type type;
     if (auto error = document.type().get(type)) return failed(fail(error).error());
     if (type != od::json_type::object && type != od::json_type::array) {
@@ -457,7 +458,7 @@ Decoded<T> decodeDocument(JSONInput input, std::string_view expected, Decode&& d
     if constexpr (!std::is_same_v<std::remove_cvref_t<Prescan>, NoPrescan>) {
         if (prescan(document)) {
             document.rewind();
-        } else if (auto error = parser.iterate(json).get(document)) {
+        } else if (auto error = parser->iterate(json).get(document)) {
             return failed(fail(error).error());
         }
     }
