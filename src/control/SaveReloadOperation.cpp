@@ -147,10 +147,11 @@ void SaveReloadOperation::main() {
         if (!list->empty()) packages.emplace_back(*list);
         lists.push_back(std::move(list));
     };
+    SafariJSONBuilder file(isGeneral(extensionType_) ? packageFileBytes(extensionType_) : 0);
     // A general file that the data manager does not hold is read for this run
     // only, and its blockers go into the Safari JSON file as its rules are
     // decoded: the package itself is never whole in memory.
-    std::optional<SafariJSONBuilder> streamed;
+    bool streamed = false;
     std::size_t streamedPackages = 0;
     if (isGeneral(extensionType_)) {
         storage::PackageList general = dataManager_.generalPackageList();
@@ -160,8 +161,8 @@ void SaveReloadOperation::main() {
             packages.emplace_back(&*held, 1);
             lists.push_back(std::move(general));
         } else {
-            streamed.emplace(packageFileBytes(extensionType_));
-            streamedPackages = readGeneralFileInto(*streamed, extensionType_, preferences->enabledRuleSelection());
+            streamed = true;
+            streamedPackages = readGeneralFileInto(file, extensionType_, preferences->enabledRuleSelection());
         }
     } else if (extensionType_ == ExtensionType::regionalRules) {
         if (dataManager_.internationalPackageList()->empty()) {
@@ -192,15 +193,12 @@ void SaveReloadOperation::main() {
     platform::consolePrint("Searching enabled rules in " + std::to_string(packageCount) + " packages");
     if (reachedCheckpointCancelled()) return;
 
-    std::optional<SafariJSONBuilder> built;
     if (!streamed) {
-        built.emplace();
         for (const auto& part : packages) {
             preferences->findEnabledBlockersRemovingWhitelistRules(
-                part, [&built](const model::Blocker& blocker) { built->add(blocker); });
+                part, [&file](const model::Blocker& blocker) { file.add(blocker); });
         }
     }
-    SafariJSONBuilder& file = streamed ? *streamed : *built;
     platform::consolePrint("Found " + std::to_string(file.count()) + " enabled rules");
     if (reachedCheckpointCancelled()) return;
 
