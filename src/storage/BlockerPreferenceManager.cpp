@@ -262,44 +262,15 @@ void BlockerPreferenceManager::waitForPendingWrites() {
     serialWriteQueue_.sync([] {});
 }
 
-namespace {
-
-// The selection over packages that are copied from (const) or moved from.
-template <class Packages>
-std::vector<model::Blocker> selectEnabledBlockers(Packages&& packages, const EnabledRuleSelection& selection) {
-    std::size_t capacity = 0;
-    for (const model::Package& package : packages) capacity += package.rules.size();
-    std::vector<model::Blocker> result;
-    result.reserve(capacity);
-    for (auto&& package : packages) {
-        const auto choice = selection.forPackage(package.id);
-        for (auto&& rule : package.rules) {
-            if (!choice.takesBlockingRule(rule)) continue;
-            if constexpr (std::is_const_v<std::remove_reference_t<decltype(rule)>>) {
-                result.push_back(rule.blocker);
-            } else {
-                result.push_back(std::move(rule.blocker));
-            }
-        }
-    }
-    return result;
-}
-
-}  // namespace
-
 EnabledRuleSelection BlockerPreferenceManager::enabledRuleSelection() const {
     return EnabledRuleSelection(disabledPackages(), disabledRules());
 }
 
 std::vector<model::Blocker> BlockerPreferenceManager::findEnabledBlockersRemovingWhitelistRules(
     const std::vector<model::Package>& packages) const {
-    return selectEnabledBlockers(packages, enabledRuleSelection());
-}
-
-std::vector<model::Blocker> BlockerPreferenceManager::findEnabledBlockersRemovingWhitelistRules(
-    std::vector<model::Package>&& packages) const {
-    auto result = selectEnabledBlockers(packages, enabledRuleSelection());
-    packages.clear();
+    std::vector<model::Blocker> result;
+    findEnabledBlockersRemovingWhitelistRules(packages,
+                                              [&result](const model::Blocker& blocker) { result.push_back(blocker); });
     return result;
 }
 

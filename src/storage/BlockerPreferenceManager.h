@@ -104,10 +104,6 @@ public:
     // stands before them, so the compiler appends them at the end.
     std::vector<model::Blocker> findEnabledBlockersRemovingWhitelistRules(
         const std::vector<model::Package>& packages) const;
-    // The same, taking the blockers out of packages that are no longer
-    // needed (the compiler's lists can be tens of megabytes).
-    std::vector<model::Blocker> findEnabledBlockersRemovingWhitelistRules(
-        std::vector<model::Package>&& packages) const;
     // The same, handing each blocker to `found` in order instead of
     // gathering copies; returns how many it found.
     std::size_t findEnabledBlockersRemovingWhitelistRules(std::span<const model::Package> packages,
