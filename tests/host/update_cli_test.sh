@@ -38,17 +38,6 @@ start_server() {
     return 1
 }
 
-finish() {
-    if [ -z "$problems" ]; then
-        passed=$((passed + 1))
-    else
-        failed=$((failed + 1))
-        echo "FAILED: $current$problems"
-        echo "    --- stdout:"; sed 's/^/    | /' "$WORK/out" | head -20
-        echo "    --- stderr:"; sed 's/^/    | /' "$WORK/err" | tail -20
-    fi
-}
-
 # The filters folder holds exactly the published files, byte for byte.
 expect_installed_as_published() {
     local published installed

@@ -68,7 +68,8 @@ finish() {
         failed=$((failed + 1))
         echo "FAILED: $current$problems"
         echo "    --- stdout:"; sed 's/^/    | /' "$WORK/out" | head -20
-        echo "    --- stderr:"; sed 's/^/    | /' "$WORK/err" | head -20
+        # The end of standard error: the reason comes after any progress lines.
+        echo "    --- stderr:"; sed 's/^/    | /' "$WORK/err" | tail -20
     fi
 }
 
