@@ -35,7 +35,7 @@
 #include "platform/Log.h"
 #include "platform/MainRunLoop.h"
 #include "platform/ProcessMemory.h"
-#include "runtime/settings/App.h"
+#include "settings/App.h"
 #include "storage/PathProvider.h"
 
 namespace {

@@ -3,7 +3,7 @@
 #include "platform/DispatchGroup.h"
 #include "platform/DispatchQueue.h"
 #include "platform/Log.h"
-#include "runtime/settings/NotificationNames.h"
+#include "settings/NotificationNames.h"
 #include "storage/PersistentStore.h"
 
 #include <algorithm>

@@ -7,10 +7,10 @@
 #include "platform/Log.h"
 #include "platform/MainRunLoop.h"
 #include "platform/NotificationCenter.h"
-#include "runtime/settings/App.h"
-#include "runtime/settings/LongActionExecutor.h"
-#include "runtime/settings/MainApp.h"
-#include "runtime/settings/NotificationNames.h"
+#include "settings/App.h"
+#include "settings/LongActionExecutor.h"
+#include "settings/MainApp.h"
+#include "settings/NotificationNames.h"
 
 #include <algorithm>
 #include <cctype>

@@ -3,7 +3,7 @@
 #include <algorithm>
 
 #include "platform/Stores.h"
-#include "runtime/settings/Keys.h"
+#include "settings/Keys.h"
 
 namespace tamsel::control {
 

@@ -11,7 +11,7 @@
 #include "platform/Localization.h"
 #include "platform/Log.h"
 #include "platform/Stores.h"
-#include "runtime/settings/Keys.h"
+#include "settings/Keys.h"
 #include "storage/PackagePreferences.h"
 
 namespace tamsel::control {

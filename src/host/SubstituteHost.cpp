@@ -2,7 +2,7 @@
 
 #include "control/ExtensionManager.h"
 #include "platform/LocalContentBlockerManager.h"
-#include "runtime/settings/App.h"
+#include "settings/App.h"
 #include "storage/PathProvider.h"
 
 #include <memory>

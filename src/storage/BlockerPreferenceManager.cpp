@@ -4,8 +4,8 @@
 #include "platform/InterProcessMutex.h"
 #include "platform/Log.h"
 #include "platform/Stores.h"
-#include "runtime/settings/Keys.h"
-#include "runtime/settings/NotificationNames.h"
+#include "settings/Keys.h"
+#include "settings/NotificationNames.h"
 #include "storage/PackagePreferences.h"
 #include "storage/PathProvider.h"
 

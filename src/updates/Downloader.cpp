@@ -12,7 +12,7 @@
 
 #include "platform/DispatchQueue.h"
 #include "platform/Log.h"
-#include "runtime/settings/App.h"
+#include "settings/App.h"
 #include "updates/BackgroundDownloadManager.h"
 #include "updates/HTTPClient.h"
 

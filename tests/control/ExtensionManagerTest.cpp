@@ -7,9 +7,9 @@
 #include "platform/LocalContentBlockerManager.h"
 #include "platform/MainRunLoop.h"
 #include "platform/NotificationCenter.h"
-#include "runtime/settings/App.h"
-#include "runtime/settings/MainApp.h"
-#include "runtime/settings/NotificationNames.h"
+#include "settings/App.h"
+#include "settings/MainApp.h"
+#include "settings/NotificationNames.h"
 #include "storage/PathProvider.h"
 #include "support/TestSupport.h"
 

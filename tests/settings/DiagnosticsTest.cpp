@@ -8,10 +8,10 @@
 
 #include "platform/Clock.h"
 #include "platform/MainRunLoop.h"
-#include "runtime/settings/Device.h"
-#include "runtime/settings/Log.h"
-#include "runtime/settings/LongActionExecutor.h"
-#include "runtime/settings/Stopwatch.h"
+#include "settings/Device.h"
+#include "settings/Log.h"
+#include "settings/LongActionExecutor.h"
+#include "settings/Stopwatch.h"
 #include "support/TestSupport.h"
 
 namespace {

@@ -7,8 +7,8 @@
 #include <vector>
 
 #include "platform/Stores.h"
-#include "runtime/settings/IPC.h"
-#include "runtime/settings/Keys.h"
+#include "settings/IPC.h"
+#include "settings/Keys.h"
 #include "support/TestSupport.h"
 
 namespace {

@@ -12,7 +12,7 @@
 #include <vector>
 
 #include "platform/DataRoot.h"
-#include "runtime/settings/MainApp.h"
+#include "settings/MainApp.h"
 #include "support/TestSupport.h"
 
 namespace {

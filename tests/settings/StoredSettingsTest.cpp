@@ -9,9 +9,9 @@
 
 #include "platform/Clock.h"
 #include "platform/Stores.h"
-#include "runtime/settings/App.h"
-#include "runtime/settings/Keys.h"
-#include "runtime/settings/User.h"
+#include "settings/App.h"
+#include "settings/Keys.h"
+#include "settings/User.h"
 #include "support/TestSupport.h"
 
 namespace {

@@ -6,7 +6,7 @@
 #include "platform/NotificationCenter.h"
 #include "platform/Stores.h"
 #include "platform/UserDefaults.h"
-#include "runtime/settings/Keys.h"
+#include "settings/Keys.h"
 #include "storage/PackagePreferences.h"
 #include "support/TestSupport.h"
 

@@ -16,7 +16,7 @@
 #include "platform/MainRunLoop.h"
 #include "platform/NotificationCenter.h"
 #include "platform/Stores.h"
-#include "runtime/settings/App.h"
+#include "settings/App.h"
 #include "storage/PathProvider.h"
 #include "support/TestSupport.h"
 #include "updates/Downloader.h"

@@ -1,4 +1,4 @@
-#include "runtime/settings/Device.h"
+#include "settings/Device.h"
 
 #include <sys/utsname.h>
 

@@ -1,4 +1,4 @@
-#include "runtime/settings/Stopwatch.h"
+#include "settings/Stopwatch.h"
 
 namespace tamsel::settings {
 

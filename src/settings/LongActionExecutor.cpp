@@ -1,4 +1,4 @@
-#include "runtime/settings/LongActionExecutor.h"
+#include "settings/LongActionExecutor.h"
 
 #include <fmt/format.h>
 

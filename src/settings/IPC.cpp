@@ -1,10 +1,10 @@
-#include "runtime/settings/IPC.h"
+#include "settings/IPC.h"
 
 #include <array>
 
 #include "platform/Log.h"
 #include "platform/Stores.h"
-#include "runtime/settings/Keys.h"
+#include "settings/Keys.h"
 
 namespace tamsel::settings {
 namespace {

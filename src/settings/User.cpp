@@ -1,7 +1,7 @@
-#include "runtime/settings/User.h"
+#include "settings/User.h"
 
 #include "platform/Stores.h"
-#include "runtime/settings/Keys.h"
+#include "settings/Keys.h"
 
 namespace tamsel::settings {
 namespace {

@@ -1,4 +1,4 @@
-#include "runtime/settings/MainApp.h"
+#include "settings/MainApp.h"
 
 #include <fcntl.h>
 #include <sys/file.h>

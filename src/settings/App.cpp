@@ -1,11 +1,11 @@
-#include "runtime/settings/App.h"
+#include "settings/App.h"
 
 #include <atomic>
 #include <mutex>
 
 #include "platform/BuildConfig.h"
 #include "platform/Stores.h"
-#include "runtime/settings/Keys.h"
+#include "settings/Keys.h"
 
 #ifndef TAMSEL_BUILD_NUMBER
 #define TAMSEL_BUILD_NUMBER ""

@@ -1,4 +1,4 @@
-#include "runtime/settings/Log.h"
+#include "settings/Log.h"
 
 #include <cstdarg>
 #include <cstdio>
