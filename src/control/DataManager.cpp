@@ -4,7 +4,9 @@
 #include "platform/DispatchQueue.h"
 #include "platform/Log.h"
 #include "settings/NotificationNames.h"
+#include "storage/PathProvider.h"
 #include "storage/PersistentStore.h"
+#include "storage/RebuildLedger.h"
 
 #include <algorithm>
 #include <fmt/format.h>
@@ -35,6 +37,42 @@ storage::PackageList emptyList() { return std::make_shared<const std::vector<Pac
 
 storage::PackageList listOf(std::vector<Package> packages) {
     return std::make_shared<const std::vector<Package>>(std::move(packages));
+}
+
+std::filesystem::path packageFilePath(JSONFileName file) {
+    return storage::PathProvider::filtersFolderURL() / model::fileName(file);
+}
+
+// The user's own files are small and rewritten by every program in quick
+// succession, so their content counts; the rule set's large files change
+// only with an update.
+platform::StampContent stampContent(JSONFileName file) {
+    return file == JSONFileName::blockConfigurable || file == JSONFileName::blockCustom
+               ? platform::StampContent::hashed
+               : platform::StampContent::ignored;
+}
+
+platform::FileStamp stampOf(JSONFileName file) {
+    return platform::fileStamp(packageFilePath(file), stampContent(file));
+}
+
+std::map<JSONFileName, platform::FileStamp> stampsOf(const std::vector<JSONFileName>& files) {
+    std::map<JSONFileName, platform::FileStamp> stamps;
+    for (JSONFileName file : files) stamps.emplace(file, stampOf(file));
+    return stamps;
+}
+
+// Runs a store read and waits for its packages.
+std::vector<Package> readNow(void (*read)(PersistentStore::PackagesCompletion)) {
+    std::vector<Package> result;
+    platform::DispatchGroup group;
+    group.enter();
+    read([&result, &group](std::vector<Package> packages) {
+        result = std::move(packages);
+        group.leave();
+    });
+    group.wait();
+    return result;
 }
 
 }  // namespace
@@ -104,24 +142,28 @@ void DataManager::setGeneralPackages(std::vector<Package> packages) {
     auto list = listOf(std::move(packages));
     std::lock_guard lock(mutex_);
     lists_.general.swap(list);
+    forgetStamps(ListKind::general);
 }
 
 void DataManager::setInternationalPackages(std::vector<Package> packages) {
     auto list = listOf(std::move(packages));
     std::lock_guard lock(mutex_);
     lists_.international.swap(list);
+    forgetStamps(ListKind::international);
 }
 
 void DataManager::setConfigurablePackages(std::vector<Package> packages) {
     auto list = listOf(std::move(packages));
     std::lock_guard lock(mutex_);
     lists_.configurable.swap(list);
+    forgetStamps(ListKind::configurable);
 }
 
 void DataManager::setCustomPackages(std::vector<Package> packages) {
     auto list = listOf(std::move(packages));
     std::lock_guard lock(mutex_);
     lists_.custom.swap(list);
+    forgetStamps(ListKind::custom);
 }
 
 std::vector<Package> DataManager::allPackages() const {
@@ -141,20 +183,99 @@ std::vector<Package> DataManager::allPackages() const {
 
 void DataManager::loadAllPackages() {
     platform::DispatchGroup group;
-    const auto load = [this, &group](void (*read)(PersistentStore::PackagesCompletion),
-                                     void (DataManager::*store)(std::vector<Package>)) {
+    const auto load = [this, &group](void (*read)(PersistentStore::PackagesCompletion), ListKind kind) {
+        // Taken before the read: a file replaced meanwhile is read again later.
+        auto stamps = stampsOf(filesOf(kind));
         group.enter();
-        read([this, &group, store](std::vector<Package> packages) {
-            (this->*store)(std::move(packages));
+        read([this, &group, kind, stamps = std::move(stamps)](std::vector<Package> packages) mutable {
+            storeRead(kind, std::move(packages), std::move(stamps));
             group.leave();
         });
     };
-    load(&PersistentStore::readGeneralPackages, &DataManager::setGeneralPackages);
-    load(&PersistentStore::readInternationalPackages, &DataManager::setInternationalPackages);
-    load(&PersistentStore::readConfigurablePackages, &DataManager::setConfigurablePackages);
-    load(&PersistentStore::readCustomPackages, &DataManager::setCustomPackages);
+    load(&PersistentStore::readGeneralPackages, ListKind::general);
+    load(&PersistentStore::readInternationalPackages, ListKind::international);
+    load(&PersistentStore::readConfigurablePackages, ListKind::configurable);
+    load(&PersistentStore::readCustomPackages, ListKind::custom);
     group.wait();
 }
+
+std::vector<JSONFileName> DataManager::filesOf(ListKind kind) {
+    switch (kind) {
+        case ListKind::general:
+            return {JSONFileName::blockAds,    JSONFileName::blockAdult,    JSONFileName::blockAnnoyances,
+                    JSONFileName::blockSocial, JSONFileName::blockComments, JSONFileName::blockTrackers};
+        case ListKind::international: return {JSONFileName::blockInternational};
+        case ListKind::configurable: return {JSONFileName::blockConfigurable};
+        case ListKind::custom: break;
+    }
+    return {JSONFileName::blockCustom};
+}
+
+DataManager::ListKind DataManager::listKind(JSONFileName file) {
+    switch (file) {
+        case JSONFileName::blockInternational: return ListKind::international;
+        case JSONFileName::blockConfigurable: return ListKind::configurable;
+        case JSONFileName::blockCustom: return ListKind::custom;
+        default: return ListKind::general;
+    }
+}
+
+storage::PackageList& DataManager::Lists::of(ListKind kind) {
+    switch (kind) {
+        case ListKind::general: return general;
+        case ListKind::international: return international;
+        case ListKind::configurable: return configurable;
+        case ListKind::custom: break;
+    }
+    return custom;
+}
+
+void DataManager::storeRead(ListKind kind, std::vector<Package> packages,
+                            std::map<JSONFileName, platform::FileStamp> stamps) {
+    auto read = listOf(std::move(packages));
+    std::lock_guard lock(mutex_);
+    lists_.of(kind).swap(read);
+    for (auto& [file, stamp] : stamps) stamps_.insert_or_assign(file, stamp);
+}
+
+void DataManager::forgetStamps(ListKind kind) {
+    for (JSONFileName file : filesOf(kind)) stamps_.erase(file);
+}
+
+void DataManager::refreshFromDisk() {
+    struct Reader {
+        ListKind kind;
+        void (*read)(PersistentStore::PackagesCompletion);
+    };
+    for (const Reader& reader : {Reader{ListKind::international, &PersistentStore::readInternationalPackages},
+                                 Reader{ListKind::configurable, &PersistentStore::readConfigurablePackages},
+                                 Reader{ListKind::custom, &PersistentStore::readCustomPackages}}) {
+        auto stamps = stampsOf(filesOf(reader.kind));
+        bool stale = false;
+        {
+            std::lock_guard lock(mutex_);
+            const auto& [file, now] = *stamps.begin();
+            const auto known = stamps_.find(file);
+            stale = known == stamps_.end() ? lists_.of(reader.kind)->empty() : known->second != now;
+        }
+        if (stale) storeRead(reader.kind, readNow(reader.read), std::move(stamps));
+    }
+
+    // The general files are large and most readers take them from disk
+    // themselves: a changed one is dropped rather than read again here.
+    const auto general = stampsOf(filesOf(ListKind::general));
+    std::lock_guard lock(mutex_);
+    const bool changed = std::any_of(general.begin(), general.end(), [this](const auto& entry) {
+        const auto known = stamps_.find(entry.first);
+        return known != stamps_.end() && known->second != entry.second;
+    });
+    if (changed) {
+        lists_.general = emptyList();
+        forgetStamps(ListKind::general);
+    }
+}
+
+DataManager::Editing::Editing(DataManager& manager) { manager.refreshFromDisk(); }
 
 // --- Edits ----------------------------------------------------------------------
 
@@ -230,8 +351,9 @@ bool DataManager::removeByIdentifier(const std::string& identifier) {
 }
 
 void DataManager::saveRule(const Rule& rule, const Package& inPackage, SaveCompletion completion) {
-    const auto replaced = replacePackage(inPackage.id, [&](const Package&) {
-        return std::optional(inPackage.packageBySettingRule(rule));
+    auto editing = beginEditing();
+    const auto replaced = replacePackage(inPackage.id, [&](const Package& held) {
+        return std::optional(held.packageBySettingRule(rule));
     });
     if (!replaced) {
         consolePrint("Can't find package with identifier " + inPackage.id);
@@ -242,6 +364,7 @@ void DataManager::saveRule(const Rule& rule, const Package& inPackage, SaveCompl
 }
 
 void DataManager::deleteRule(const Rule& rule, const Package& inPackage, SaveCompletion completion) {
+    auto editing = beginEditing();
     const auto replaced = replacePackage(inPackage.id, [&rule](const Package& held) -> std::optional<Package> {
         const auto found = std::find_if(held.rules.begin(), held.rules.end(),
                                         [&rule](const Rule& candidate) { return candidate.id == rule.id; });
@@ -257,6 +380,39 @@ void DataManager::deleteRule(const Rule& rule, const Package& inPackage, SaveCom
 }
 
 // --- Saving -----------------------------------------------------------------------
+
+void DataManager::writePackageFiles(const std::vector<JSONFileName>& files, const Lists& lists) {
+    storage::PackageFilesLock filesLock;
+    for (const JSONFileName file : files) {
+        PersistentStore::WriteResult written;
+        switch (file) {
+            case JSONFileName::blockInternational: written = PersistentStore::write(*lists.international, file); break;
+            case JSONFileName::blockConfigurable: written = PersistentStore::write(*lists.configurable, file); break;
+            case JSONFileName::blockCustom: written = PersistentStore::write(*lists.custom, file); break;
+            default: {
+                // A general file holds its one package, when it is in memory.
+                const auto general = std::find_if(lists.general->begin(), lists.general->end(),
+                                                  withID(std::string(model::rawValue(file))));
+                if (general == lists.general->end()) {
+                    logger.error("Can't save %s: no such package in memory", model::fileName(file).c_str());
+                    continue;
+                }
+                written = PersistentStore::write(*general, file);
+            }
+        }
+        if (!written) {
+            logger.error("Can't save %s: %s", model::fileName(file).c_str(), written.error().description().c_str());
+            continue;
+        }
+        // The file now holds the list as it was taken above; while the list
+        // is still that one, it matches the file.
+        const ListKind kind = listKind(file);
+        const storage::PackageList saved = Lists(lists).of(kind);
+        const auto stamp = stampOf(file);
+        std::lock_guard lock(mutex_);
+        if (lists_.of(kind) == saved) stamps_.insert_or_assign(file, stamp);
+    }
+}
 
 void DataManager::savePackages(const std::vector<JSONFileName>& files, bool didChangeWhitelist,
                                SaveCompletion completion) {
@@ -279,27 +435,15 @@ void DataManager::savePackages(const std::vector<JSONFileName>& files, bool didC
                                                            this);
     });
 
-    for (const JSONFileName file : files) {
-        PersistentStore::WriteResult written;
-        switch (file) {
-            case JSONFileName::blockInternational: written = PersistentStore::write(*lists.international, file); break;
-            case JSONFileName::blockConfigurable: written = PersistentStore::write(*lists.configurable, file); break;
-            case JSONFileName::blockCustom: written = PersistentStore::write(*lists.custom, file); break;
-            default: {
-                // A general file holds its one package, when it is in memory.
-                const auto general = std::find_if(lists.general->begin(), lists.general->end(),
-                                                  withID(std::string(model::rawValue(file))));
-                if (general == lists.general->end()) {
-                    logger.error("Can't save %s: no such package in memory", model::fileName(file).c_str());
-                    continue;
-                }
-                written = PersistentStore::write(*general, file);
-            }
-        }
-        if (!written) {
-            logger.error("Can't save %s: %s", model::fileName(file).c_str(), written.error().description().c_str());
-        }
+    // Owed before anything is written: a process that dies between the
+    // package files and the rebuild leaves the rebuild to the next writer.
+    if (didChangeWhitelist) {
+        storage::RebuildLedger::oweAll();
+    } else {
+        storage::RebuildLedger::owe({model::ExtensionType::customRules});
     }
+
+    writePackageFiles(files, lists);
 
     reloading()->saveToJSONAndReload(
         model::ExtensionType::customRules, didChangeWhitelist,

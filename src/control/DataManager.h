@@ -5,13 +5,16 @@
 #include "model/JSONFileName.h"
 #include "model/Package.h"
 #include "model/Rule.h"
+#include "platform/Files.h"
 #include "platform/NotificationCenter.h"
 #include "storage/BlockerPreferenceManager.h"
 #include "storage/ExtensionReloading.h"
+#include "storage/PackageFilesLock.h"
 #include "storage/PackageSource.h"
 #include "storage/ReloadingResult.h"
 
 #include <functional>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -29,6 +32,14 @@
 // custom lists (a custom package never takes a configurable identifier);
 // lists keep their order, a replaced package keeps its position and a new
 // custom package goes to the end.
+//
+// Several programs share the package files (the host application, the
+// toolbar extension, the command line), so the lists are a cache of what is
+// on disk: refreshFromDisk() reads again every list whose file another
+// program replaced since it was read, and every change is made inside an
+// Editing session, which holds the package files' lock and starts from the
+// files as they are now. A list set in memory (setXPackages) is taken as it
+// is until it is next saved.
 //
 // Thread-safe. The lists are read and replaced from the main thread, the
 // compiler's save queue and the stores' callback queues, so one mutex guards
@@ -96,7 +107,28 @@ public:
     // user-initiated queue's own blocks (the general reads complete there).
     void loadAllPackages();
 
+    // Reads again each configurable, custom and international list whose
+    // file changed on disk since it was read or written here, and each such
+    // list that is empty and was never read; drops the general list when a
+    // general file changed (readers then take the file from disk).
+    void refreshFromDisk();
+
     // --- Edits (the cloud sync merge, the popover's rule changes) -------------------
+
+    // One read-modify-write of the package files: holds their lock (shared
+    // with every other program of the data root) for its lifetime, and
+    // starts with refreshFromDisk(). Make the decision and the edits, and
+    // save, inside it. Sessions nest on one thread.
+    class Editing {
+    public:
+        explicit Editing(DataManager& manager);
+        Editing(const Editing&) = delete;
+        Editing& operator=(const Editing&) = delete;
+
+    private:
+        storage::PackageFilesLock lock_;
+    };
+    [[nodiscard]] Editing beginEditing() { return Editing(*this); }
 
     // Appends a new custom package, or renames the custom package of the same
     // identifier in place (keeping its rules). A configurable identifier is
@@ -116,7 +148,9 @@ public:
     // Sets the rule into the package, replaces the package at its position
     // (configurable list first, then custom), saves the list's file, has the
     // custom extension rebuilt (every extension for a whitelist rule), and
-    // reports the rule to the sync engine.
+    // reports the rule to the sync engine. The rule is set into the package
+    // of that identifier as it is on disk at the time (`inPackage` names the
+    // package), so a change another program saved meanwhile is kept.
     void saveRule(const model::Rule& rule, const model::Package& inPackage, SaveCompletion completion = {});
 
     // Removes the rule from the package of `inPackage`'s identifier that holds
@@ -131,7 +165,10 @@ public:
     // PersistingError::allPackagesEmpty. Otherwise "WillSavePackages" is
     // posted on the main queue (object: this manager) before the writes; a
     // file that fails to write is logged and the others are still written.
-    // The reload's result reaches the completion.
+    // The reload's result reaches the completion. The extensions to rebuild
+    // are recorded as owing a rebuild before anything is written, and the
+    // writes hold the package files' lock; call it inside an Editing
+    // session so that the lists written are the ones on disk plus the edit.
     void savePackages(const std::vector<model::JSONFileName>& files, bool didChangeWhitelist,
                       SaveCompletion completion = {});
 
@@ -140,11 +177,16 @@ public:
     void setUpdateRulesObserver(platform::ObserverToken token);
 
 private:
+    enum class ListKind { general, international, configurable, custom };
+    static std::vector<model::JSONFileName> filesOf(ListKind kind);
+
     struct Lists {
         storage::PackageList general;
         storage::PackageList international;
         storage::PackageList configurable;
         storage::PackageList custom;
+
+        storage::PackageList& of(ListKind kind);
     };
 
     // Applies `edit` to the package `packageID` (configurable list first) under
@@ -158,12 +200,25 @@ private:
         const std::string& packageID,
         const std::function<std::optional<model::Package>(const model::Package&)>& edit);
 
+    // Which list a package file holds.
+    static ListKind listKind(model::JSONFileName file);
+    // Replaces a list with what was read from its files at `stamps`.
+    void storeRead(ListKind kind, std::vector<model::Package> packages,
+                   std::map<model::JSONFileName, platform::FileStamp> stamps);
+    void forgetStamps(ListKind kind);
+
+    // Writes each file from `lists`, holding the package files' lock.
+    void writePackageFiles(const std::vector<model::JSONFileName>& files, const Lists& lists);
+
     std::shared_ptr<storage::ExtensionReloading> reloading() const;
     std::shared_ptr<RuleChangeReporting> ruleChanges() const;
 
     Collaborators collaborators_;
     mutable std::mutex mutex_;
     Lists lists_;
+    // The version of each package file that the list holding it was read
+    // from or last written as; a file without one is not known to match.
+    std::map<model::JSONFileName, platform::FileStamp> stamps_;
     std::shared_ptr<storage::BlockerPreferenceManager> preferenceManager_;
     platform::ObserverToken updateRulesObserver_;
 };

@@ -11,6 +11,7 @@
 #include "settings/LongActionExecutor.h"
 #include "settings/MainApp.h"
 #include "settings/NotificationNames.h"
+#include "storage/RebuildLedger.h"
 
 #include <algorithm>
 #include <cctype>
@@ -186,6 +187,21 @@ void ExtensionManager::saveToJSONAndReload(ExtensionType extension, bool didChan
         saveToJSONAndReloadAll(std::nullopt, std::move(completion));
         return;
     }
+    saveOne(extension, std::move(completion));
+    repairOwedRebuilds({extension});
+}
+
+void ExtensionManager::repairOwedRebuilds(const std::vector<ExtensionType>& queued) {
+    if (!mayWrite()) return;
+    for (ExtensionType extension : storage::RebuildLedger::owed()) {
+        if (std::find(queued.begin(), queued.end(), extension) != queued.end()) continue;
+        platform::consolePrint("Rebuilding \"" + model::localizedName(extension) +
+                               "\" extension, which still owes a rebuild");
+        saveOne(extension, {});
+    }
+}
+
+void ExtensionManager::saveOne(ExtensionType extension, ReloadingCompletion completion) {
     const std::string displayName = model::localizedName(extension);
     platform::consolePrint("Starting to save JSON and reloading Safari for \"" + displayName + "\" extension");
     postWillReloadNotification(extension, false);
@@ -237,7 +253,7 @@ void ExtensionManager::saveToJSONAndReloadAll(std::optional<ExtensionType> excep
 
     auto self = shared_from_this();
     ++pendingStateQueries_;
-    allEnabledExtensions(except, [self, finishLongAction, mainCompletion = std::move(mainCompletion)](
+    allEnabledExtensions(except, [self, except, finishLongAction, mainCompletion = std::move(mainCompletion)](
                                      std::vector<ExtensionType> extensions) mutable {
         if (extensions.empty()) {
             if (settings::App::isMacButtonExtension()) {
@@ -250,6 +266,8 @@ void ExtensionManager::saveToJSONAndReloadAll(std::optional<ExtensionType> excep
                 return;
             }
         }
+        auto covered = extensions;
+        if (except) covered.push_back(*except);
         auto batch = std::make_shared<Batch>(extensions, std::move(mainCompletion), finishLongAction);
         for (ExtensionType extension : extensions) {
             auto settled = [self, batch, extension](const std::optional<ReloadingResult>& result) {
@@ -262,6 +280,7 @@ void ExtensionManager::saveToJSONAndReloadAll(std::optional<ExtensionType> excep
                 extension, [settled](ReloadingResult result) { settled(result); },
                 [settled] { onMain([settled] { settled(std::nullopt); }); });
         }
+        self->repairOwedRebuilds(covered);
         --self->pendingStateQueries_;
     });
 }

@@ -94,6 +94,14 @@ public:
     void saveToJSONAndReloadAll(std::optional<model::ExtensionType> except,
                                 storage::ReloadingCompletion mainCompletion) override;
 
+    // Rebuilds and reloads, one by one, every extension that still owes a
+    // rebuild (storage::RebuildLedger) and is not in `queued`: a process
+    // that died between a package change and its rebuild, or a reload that
+    // failed for good. Called when a writer starts, and by every save
+    // request for the extensions it does not cover itself. Nothing happens
+    // while this process may not write.
+    void repairOwedRebuilds(const std::vector<model::ExtensionType>& queued = {});
+
     // Reloads the extension's file as it is on disk.
     void reloadWithoutSaving(model::ExtensionType extension, storage::ReloadingCompletion completion);
     // Reloads every enabled extension as its file is on disk; the completion
@@ -176,6 +184,8 @@ private:
     void enqueueReload(model::ExtensionType extension, int attempt, ReloadRequest request);
     void handleReloadAnswer(model::ExtensionType extension, int attempt, const std::optional<platform::PlatformError>& error,
                             ReloadRequest request);
+    // saveToJSONAndReload of one extension, without repairing the others.
+    void saveOne(model::ExtensionType extension, storage::ReloadingCompletion completion);
     void addSaveOperation(model::ExtensionType extension, storage::ReloadingCompletion completion,
                           std::function<void()> onSkipped);
     void queryState(model::ExtensionType extension, std::function<void(std::optional<bool>)> answer);

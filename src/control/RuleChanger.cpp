@@ -203,6 +203,9 @@ bool RuleChanger::isDomainForcedHttps(const std::string& host) const {
 
 std::optional<Rule> RuleChanger::whitelist(const std::string& host, std::vector<ExtensionType> in,
                                            Completion completion) {
+    // Decided and saved on the packages as they are on disk, with no other
+    // program changing them in between.
+    auto editing = dataManager_.beginEditing();
     const auto package = configurablePackage(ConfigurableType::whitelist);
     if (!package) {
         consolePrint(whitelistMissingLine);
@@ -265,6 +268,7 @@ std::optional<Rule> RuleChanger::whitelist(const std::string& host, std::vector<
 }
 
 void RuleChanger::unwhitelist(const std::string& host, const Rule& rule, Completion completion) {
+    auto editing = dataManager_.beginEditing();
     const std::string domain = lookupDomain(host);
     consolePrint("Unwhitelisting domain - " + domain + " in rule " + model::encodeRule(rule));
     static const Removal removal{
@@ -278,6 +282,7 @@ void RuleChanger::unwhitelist(const std::string& host, const Rule& rule, Complet
 // --- Make HTTPS -------------------------------------------------------------------------------
 
 void RuleChanger::makeHttps(const std::string& host, Completion completion) {
+    auto editing = dataManager_.beginEditing();
     const auto package = configurablePackage(ConfigurableType::makeHttps);
     if (!package) {
         consolePrint(makeHttpsMissingLine);
@@ -300,6 +305,7 @@ void RuleChanger::makeHttps(const std::string& host, Completion completion) {
 }
 
 void RuleChanger::unforceHttps(const std::string& host, Completion completion) {
+    auto editing = dataManager_.beginEditing();
     if (!configurablePackage(ConfigurableType::makeHttps)) {
         consolePrint(makeHttpsMissingLine);
         fail(completion, Failure::packageMissing);

@@ -37,7 +37,10 @@
 // rule of its own.
 //
 // The changer keeps no state; it reads the packages and the disabled states
-// afresh on every call, and may be called from any thread. Completions run on
+// afresh on every call, and may be called from any thread. Each change runs
+// in one of the data manager's editing sessions: it is decided on the
+// package files as they are on disk and saved before any other program can
+// change them. Completions run on
 // the main queue, exactly once per call, also when the change stops early.
 namespace tamsel::control {
 

@@ -7,13 +7,16 @@
 #include "platform/DispatchGroup.h"
 #include "platform/DispatchQueue.h"
 #include "platform/FatalError.h"
+#include "platform/InterProcessMutex.h"
 #include "platform/Log.h"
 #include "storage/PathProvider.h"
 #include "storage/PersistentStore.h"
+#include "storage/RebuildLedger.h"
 #include "storage/SafariJSONBuilder.h"
 
 #include <algorithm>
 #include <filesystem>
+#include <mutex>
 #include <optional>
 #include <span>
 #include <string>
@@ -27,6 +30,7 @@ namespace {
 using model::ExtensionType;
 using model::Package;
 using storage::PersistentStore;
+using storage::RebuildLedger;
 using storage::SafariJSONBuilder;
 
 // The package file of each general extension.
@@ -46,22 +50,6 @@ model::JSONFileName generalFile(ExtensionType type) {
 
 bool isGeneral(ExtensionType type) {
     return type != ExtensionType::regionalRules && type != ExtensionType::customRules;
-}
-
-// Runs a store read on another queue than the waiting one, inside `group`,
-// and hands its packages to `store`. The store calls back on the reading
-// thread or on its own queues, never on the thread that waits.
-void readInGroup(platform::DispatchGroup& group,
-                 void (*read)(PersistentStore::PackagesCompletion),
-                 std::function<void(std::vector<Package>)> store) {
-    group.enter();
-    platform::DispatchQueue::global(platform::QualityOfService::userInitiated)
-        .async([&group, read, store = std::move(store)] {
-            read([&group, &store](std::vector<Package> packages) {
-                store(std::move(packages));
-                group.leave();
-            });
-        });
 }
 
 // Reads the general file of `type` on another queue than this one and adds
@@ -120,23 +108,22 @@ void SaveReloadOperation::main() {
     const std::string rawValue(model::rawValue(extensionType_));
     platform::consolePrint("🏳️ START saving JSON for \"" + displayName + "\"");
 
+    // One rebuild of this extension's file at a time across every program
+    // of the data root, each from the package files as they are when it
+    // starts: the file written last is then never older than the packages.
+    platform::InterProcessMutex fileLock(storage::PathProvider::sharedContainerURL() /
+                                         ("safari-json-" + rawValue + ".lock"));
+    std::lock_guard fileLocked(fileLock);
+    // Taken before anything is read: a change that lands while this rebuild
+    // runs keeps its debt, and its own rebuild follows.
+    const std::optional<RebuildLedger::Ticket> ticket = RebuildLedger::ticket(extensionType_);
+    const auto settle = [extension = extensionType_, ticket] {
+        if (ticket) RebuildLedger::settle(extension, *ticket);
+    };
+
     // The whitelisting entries of every extension come from the configurable
     // and custom packages, so those two are loaded whatever the extension.
-    {
-        platform::DispatchGroup group;
-        if (dataManager_.configurablePackageList()->empty()) {
-            readInGroup(group, &PersistentStore::readConfigurablePackages,
-                        [this](std::vector<Package> packages) {
-                            dataManager_.setConfigurablePackages(std::move(packages));
-                        });
-        }
-        if (dataManager_.customPackageList()->empty()) {
-            readInGroup(group, &PersistentStore::readCustomPackages, [this](std::vector<Package> packages) {
-                dataManager_.setCustomPackages(std::move(packages));
-            });
-        }
-        group.wait();
-    }
+    dataManager_.refreshFromDisk();
 
     const auto preferences = dataManager_.preferenceManager();
     // The packages to choose from, shared with the data manager, and the
@@ -165,17 +152,11 @@ void SaveReloadOperation::main() {
             streamedPackages = readGeneralFileInto(file, extensionType_, preferences->enabledRuleSelection());
         }
     } else if (extensionType_ == ExtensionType::regionalRules) {
-        if (dataManager_.internationalPackageList()->empty()) {
-            platform::DispatchGroup group;
-            readInGroup(group, &PersistentStore::readInternationalPackages, [this](std::vector<Package> read) {
-                dataManager_.setInternationalPackages(std::move(read));
-            });
-            group.wait();
-        }
         take(dataManager_.internationalPackageList());
         if (packages.empty()) {
             platform::consolePrint("⛔️ Don't writing to " + rawValue +
                                    " because DataManager.internationalPackages is empty");
+            settle();
             return;
         }
     } else {
@@ -187,6 +168,7 @@ void SaveReloadOperation::main() {
     for (const auto& part : packages) packageCount += part.size();
     if (packageCount == 0) {
         platform::consolePrint("⛔️ Don't writing to " + rawValue + " because packages [] is empty");
+        settle();
         return;
     }
 
@@ -212,15 +194,24 @@ void SaveReloadOperation::main() {
 
     // A failed write still reloads: Safari then compiles whatever file is on
     // disk, which keeps the extension in a known state.
-    if (auto written = PersistentStore::write(file, extensionType_); !written) {
-        platform::consolePrint("Can't save to Safari JSON file and reload Safari: " +
-                               written.error().description());
-    }
+    const bool written = [&] {
+        auto result = PersistentStore::write(file, extensionType_);
+        if (!result) {
+            platform::consolePrint("Can't save to Safari JSON file and reload Safari: " +
+                                   result.error().description());
+        }
+        return result.has_value();
+    }();
     platform::consolePrint("🏁 DONE saving JSON for \"" + displayName + "\"");
     if (reachedCheckpointCancelled()) return;
 
     didRequestReload_ = true;
-    reloadRequest_(extensionType_, std::move(completion_));
+    // The debt is paid once Safari has the file that was written from it.
+    reloadRequest_(extensionType_, [written, settle, completion = std::move(completion_)](
+                                       storage::ReloadingResult result) {
+        if (written && result) settle();
+        if (completion) completion(std::move(result));
+    });
 }
 
 }  // namespace tamsel::control

@@ -54,7 +54,11 @@ CLI::App* CommandLine::group(const std::string& name, const std::string& descrip
 }
 
 void CommandLine::setAction(CLI::App* command, CommandAction action) {
-    actions_.emplace_back(command, std::move(action));
+    actions_.push_back({command, std::move(action), false});
+}
+
+void CommandLine::setWriterAction(CLI::App* command, CommandAction action) {
+    actions_.push_back({command, std::move(action), true});
 }
 
 int CommandLine::run(int argc, const char* const* argv) {
@@ -66,8 +70,8 @@ int CommandLine::run(int argc, const char* const* argv) {
         return writeError(describe(error), exitUsage);
     }
     if (int status = applyGlobalOptions(); status != exitSuccess) return status;
-    const CommandAction* action = chosenAction();
-    if (action == nullptr) return reportUsageError("no command given (see tamsel --help)");
+    const Registered* chosen = chosenAction();
+    if (chosen == nullptr) return reportUsageError("no command given (see tamsel --help)");
     installSubstituteHost();
     // Standard output belongs to the commands' own results; the product's
     // console lines (compile and reload traces among them) go to standard
@@ -75,7 +79,8 @@ int CommandLine::run(int argc, const char* const* argv) {
     ConsoleToStandardError productLines(options_.verbose);
     int status = exitSuccess;
     try {
-        status = (*action)();
+        if (chosen->writes) startWriter();
+        status = chosen->action();
     } catch (const std::exception& error) {
         status = reportFailure(error.what());
     }
@@ -121,10 +126,10 @@ std::string CommandLine::describe(const CLI::ParseError& error) const {
     return path + ": " + error.what();
 }
 
-const CommandAction* CommandLine::chosenAction() const {
+const CommandLine::Registered* CommandLine::chosenAction() const {
     const CLI::App* command = deepestCommand();
-    for (const auto& [owner, action] : actions_) {
-        if (owner == command) return &action;
+    for (const Registered& registered : actions_) {
+        if (registered.command == command) return &registered;
     }
     return nullptr;
 }

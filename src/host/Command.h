@@ -54,19 +54,29 @@ public:
 
     // When `command` is the last subcommand on the command line, `action` runs.
     void setAction(CLI::App* command, CommandAction action);
+    // The same for a command that changes packages, preferences or Safari
+    // JSON files: before its action runs, the process starts as a writer
+    // (startWriter in SubstituteHost.h).
+    void setWriterAction(CLI::App* command, CommandAction action);
 
     // Parses, applies the global options and runs the chosen action.
     int run(int argc, const char* const* argv);
 
 private:
+    struct Registered {
+        CLI::App* command;
+        CommandAction action;
+        bool writes;
+    };
+
     int applyGlobalOptions();
     const CLI::App* deepestCommand() const;
     std::string describe(const CLI::ParseError& error) const;
-    const CommandAction* chosenAction() const;
+    const Registered* chosenAction() const;
 
     CLI::App app_;
     GlobalOptions options_;
-    std::vector<std::pair<CLI::App*, CommandAction>> actions_;
+    std::vector<Registered> actions_;
 };
 
 // Adds one file's commands; see the example above. Registrations run in the

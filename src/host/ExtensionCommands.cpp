@@ -22,6 +22,7 @@
 #include "platform/LocalContentBlockerManager.h"
 #include "platform/MainRunLoop.h"
 #include "storage/PathProvider.h"
+#include "storage/RebuildLedger.h"
 
 namespace tamsel::host {
 namespace {
@@ -195,8 +196,10 @@ int listExtensions(bool json) {
     auto manager = safari();
     rapidjson::StringBuffer buffer;
     rapidjson::Writer<rapidjson::StringBuffer> writer(buffer);
+    const std::vector<ExtensionType> owed = storage::RebuildLedger::owed();
     writer.StartArray();
     for (ExtensionType extension : model::allCases<ExtensionType>()) {
+        const bool owesRebuild = std::find(owed.begin(), owed.end(), extension) != owed.end();
         const std::string identifier = ExtensionManager::extensionID(extension);
         const std::string name(model::rawValue(extension));
         const auto path = storage::PathProvider::safariJSONFilePath(extension);
@@ -215,6 +218,7 @@ int listExtensions(bool json) {
             } else {
                 line += fmt::format(", last reload {} ok, {} entries", dateText(last->date), last->entryCount);
             }
+            if (owesRebuild) line += ", owes a rebuild";
             printLine(line);
             continue;
         }
@@ -237,6 +241,8 @@ int listExtensions(bool json) {
                 writer.String(file.refusal->c_str());
             }
         }
+        writer.Key("owesRebuild");
+        writer.Bool(owesRebuild);
         writer.Key("lastReload");
         if (!last) {
             writer.Null();
@@ -294,13 +300,13 @@ void addExtensionCommands(CommandLine& commandLine) {
     CLI::App* compileCommand =
         app.add_subcommand("compile", "Rebuild the Safari JSON files of extensions and reload them (all when none named)");
     compileCommand->add_option("EXT", *compileNames, "Extensions by raw value, e.g. block-ads");
-    commandLine.setAction(compileCommand, [compileNames, &global] { return compile(*compileNames, global.json); });
+    commandLine.setWriterAction(compileCommand, [compileNames, &global] { return compile(*compileNames, global.json); });
 
     auto reloadNames = std::make_shared<std::vector<std::string>>();
     CLI::App* reloadCommand =
         app.add_subcommand("reload", "Reload extensions from their Safari JSON files as they are (all when none named)");
     reloadCommand->add_option("EXT", *reloadNames, "Extensions by raw value, e.g. block-ads");
-    commandLine.setAction(reloadCommand, [reloadNames, &global] { return reload(*reloadNames, global.json); });
+    commandLine.setWriterAction(reloadCommand, [reloadNames, &global] { return reload(*reloadNames, global.json); });
 
     CLI::App* listCommand =
         app.add_subcommand("extensions", "Each extension's Safari state, file, entry count and last reload");

@@ -223,6 +223,9 @@ int runImport(const std::string& file, const GlobalOptions& global) {
     if (!*decoded) return reportFailure(file + ": " + decoded->error().description);
 
     DataManager& manager = *loaded;
+    // Merged into the custom packages as they are on disk, and saved before
+    // any other program changes them.
+    std::optional<DataManager::Editing> editing(std::in_place, manager);
     const auto configurable = manager.configurablePackages();
     bool refused = false;
     bool whitelistChanged = false;
@@ -254,6 +257,7 @@ int runImport(const std::string& file, const GlobalOptions& global) {
     std::optional<std::optional<DataManager::SaveError>> outcome;
     manager.savePackages({model::JSONFileName::blockCustom}, whitelistChanged,
                          [&outcome](std::optional<DataManager::SaveError> error) { outcome = error; });
+    editing.reset();
     if (!platform::MainRunLoop::runUntil([&] { return outcome.has_value(); }, std::chrono::minutes(5))) {
         return reportFailure("the custom extension was not rebuilt in time");
     }
@@ -283,7 +287,7 @@ void addPackagesCommands(CommandLine& commandLine) {
                                                disable ? "Switch a package off and rebuild its extensions"
                                                        : "Switch a package on and rebuild its extensions");
         command->add_option("PACKAGE_ID", *identifier, "The package's identifier")->required();
-        commandLine.setAction(command, [identifier, disable, &commandLine] {
+        commandLine.setWriterAction(command, [identifier, disable, &commandLine] {
             return runSwitch(*identifier, disable, commandLine.options());
         });
     }
@@ -303,7 +307,7 @@ void addPackagesCommands(CommandLine& commandLine) {
     auto importFile = std::make_shared<std::string>();
     CLI::App* importCommand = app.add_subcommand("import", "Add the packages of a shared file as custom packages");
     importCommand->add_option("FILE", *importFile, "A shared package file")->required();
-    commandLine.setAction(importCommand, [importFile, &commandLine] { return runImport(*importFile, commandLine.options()); });
+    commandLine.setWriterAction(importCommand, [importFile, &commandLine] { return runImport(*importFile, commandLine.options()); });
 }
 
 const CommandRegistration registration{"packages", addPackagesCommands};

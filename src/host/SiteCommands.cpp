@@ -457,12 +457,12 @@ void addSiteCommands(CommandLine& commandLine) {
         ->delimiter(',');
     whitelistCommand->add_flag("--enable-package", whitelist->enablePackage,
                                "Switch the whitelist package on when it is off");
-    commandLine.setAction(whitelistCommand, [whitelist] { return runWhitelist(*whitelist); });
+    commandLine.setWriterAction(whitelistCommand, [whitelist] { return runWhitelist(*whitelist); });
 
     auto unwhitelistHost = std::make_shared<std::string>();
     CLI::App* unwhitelistCommand = app.add_subcommand("unwhitelist", "Switch blocking back on for a site");
     unwhitelistCommand->add_option("DOMAIN", *unwhitelistHost, "The page's host")->required();
-    commandLine.setAction(unwhitelistCommand, [unwhitelistHost] { return runUnwhitelist(*unwhitelistHost); });
+    commandLine.setWriterAction(unwhitelistCommand, [unwhitelistHost] { return runUnwhitelist(*unwhitelistHost); });
 
     struct HttpsOptions {
         std::string host;
@@ -472,17 +472,17 @@ void addSiteCommands(CommandLine& commandLine) {
     CLI::App* httpsCommand = app.add_subcommand("https", "Force HTTPS on a site");
     httpsCommand->add_option("DOMAIN", https->host, "The page's host")->required();
     httpsCommand->add_flag("--enable-package", https->enablePackage, "Switch the make-https package on when it is off");
-    commandLine.setAction(httpsCommand, [https] { return runHttps(https->host, https->enablePackage); });
+    commandLine.setWriterAction(httpsCommand, [https] { return runHttps(https->host, https->enablePackage); });
 
     auto unhttpsHost = std::make_shared<std::string>();
     CLI::App* unhttpsCommand = app.add_subcommand("unhttps", "Stop forcing HTTPS on a site");
     unhttpsCommand->add_option("DOMAIN", *unhttpsHost, "The page's host")->required();
-    commandLine.setAction(unhttpsCommand, [unhttpsHost] { return runUnhttps(*unhttpsHost); });
+    commandLine.setWriterAction(unhttpsCommand, [unhttpsHost] { return runUnhttps(*unhttpsHost); });
 
     CLI::App* pauseCommand = app.add_subcommand("pause", "Pause all blocking for an hour");
-    commandLine.setAction(pauseCommand, [] { return runPause(true); });
+    commandLine.setWriterAction(pauseCommand, [] { return runPause(true); });
     CLI::App* resumeCommand = app.add_subcommand("resume", "End the pause");
-    commandLine.setAction(resumeCommand, [] { return runPause(false); });
+    commandLine.setWriterAction(resumeCommand, [] { return runPause(false); });
 
     auto siteHost = std::make_shared<std::string>();
     CLI::App* siteCommand =

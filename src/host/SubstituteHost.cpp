@@ -1,6 +1,7 @@
 #include "host/SubstituteHost.h"
 
 #include "control/ExtensionManager.h"
+#include "platform/Files.h"
 #include "platform/LocalContentBlockerManager.h"
 #include "settings/App.h"
 #include "storage/PathProvider.h"
@@ -45,6 +46,14 @@ void installSubstituteHost() {
     settings::App::setIsMacButtonExtension(true);
     platform::ContentBlockerManager::setShared(std::make_shared<LazyContentBlockerManager>());
     control::ExtensionManager::shared();
+}
+
+void startWriter() {
+    for (const auto& folder : {storage::PathProvider::safariJSONFolderURL(), storage::PathProvider::filtersFolderURL(),
+                               storage::PathProvider::sharedContainerURL()}) {
+        platform::removeStaleTemporaries(folder);
+    }
+    control::ExtensionManager::shared()->repairOwedRebuilds();
 }
 
 bool finishPendingExtensionWork(std::chrono::milliseconds timeout) {

@@ -243,7 +243,7 @@ void addUpdateCommands(CommandLine& commandLine) {
                            updates::UpdateSettings::filterServerBaseURLKey + "\", else " +
                            updates::UpdateSettings::defaultFilterServerBaseURL() + ")");
     update->add_flag("--no-reload", updateOptions->noReload, "Install without rebuilding and reloading the extensions");
-    commandLine.setAction(update, [updateOptions, &commandLine] {
+    commandLine.setWriterAction(update, [updateOptions, &commandLine] {
         return runUpdate(updateOptions->server, updateOptions->noReload, commandLine.options());
     });
 }

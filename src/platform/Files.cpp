@@ -1,6 +1,7 @@
 #include "platform/Files.h"
 
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <sys/xattr.h>
 #include <unistd.h>
@@ -13,6 +14,16 @@ namespace {
 
 constexpr const char* excludedFromBackupAttribute = "user.tamsel.excluded-from-backup";
 constexpr const char* hiddenAttribute = "user.tamsel.hidden";
+
+constexpr std::string_view temporaryMarker = ".tmp-";
+constexpr std::size_t temporarySuffixLength = 6;  // mkostemp's XXXXXX
+
+// ".<name>.tmp-XXXXXX", as writeFileAtomically names its temporary files.
+bool isTemporaryName(std::string_view name) {
+    if (name.size() < 2 + temporaryMarker.size() + temporarySuffixLength || name.front() != '.') return false;
+    return name.substr(name.size() - temporarySuffixLength - temporaryMarker.size(), temporaryMarker.size()) ==
+           temporaryMarker;
+}
 
 std::unexpected<std::error_code> lastError() { return std::unexpected(std::error_code(errno, std::generic_category())); }
 
@@ -70,9 +81,13 @@ std::expected<void, std::error_code> writeFileAtomically(const std::filesystem::
     const std::filesystem::path directory = path.has_parent_path() ? path.parent_path() : ".";
     // Hidden and recognisable, so that a crash mid-write leaves no file that
     // a reader could mistake for the real one.
-    std::string temporary = (directory / ("." + path.filename().string() + ".tmp-XXXXXX")).string();
+    std::string temporary =
+        (directory / ("." + path.filename().string() + std::string(temporaryMarker) + "XXXXXX")).string();
     FileDescriptor fd(::mkostemp(temporary.data(), O_CLOEXEC));
     if (fd.get() < 0) return lastError();
+    // Held until the rename, so that removeStaleTemporaries can tell this
+    // file from one left behind by a writer that died.
+    ::flock(fd.get(), LOCK_EX | LOCK_NB);
 
     auto fail = [&] {
         const int error = errno;
@@ -93,6 +108,54 @@ std::expected<void, std::error_code> writeFileAtomically(const std::filesystem::
     FileDescriptor directoryFd(::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (directoryFd.get() >= 0) ::fsync(directoryFd.get());
     return {};
+}
+
+std::size_t removeStaleTemporaries(const std::filesystem::path& folder, std::chrono::seconds minimumAge) {
+    std::error_code failure;
+    std::filesystem::directory_iterator entries(folder, failure);
+    if (failure) return 0;
+    const auto now = std::filesystem::file_time_type::clock::now();
+    std::size_t removed = 0;
+    for (const auto& entry : entries) {
+        if (!isTemporaryName(entry.path().filename().native())) continue;
+        FileDescriptor fd(::open(entry.path().c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+        if (fd.get() < 0) continue;
+        struct stat status{};
+        if (::fstat(fd.get(), &status) != 0 || !S_ISREG(status.st_mode)) continue;
+        // A writer holds its temporary file locked until the rename.
+        if (::flock(fd.get(), LOCK_EX | LOCK_NB) != 0) continue;
+        std::error_code timeFailure;
+        const auto modified = std::filesystem::last_write_time(entry.path(), timeFailure);
+        // A file this young may belong to a writer between creating and locking it.
+        if (timeFailure || now - modified < minimumAge) continue;
+        if (::unlink(entry.path().c_str()) == 0) ++removed;
+    }
+    return removed;
+}
+
+FileStamp fileStamp(const std::filesystem::path& path, StampContent content) {
+    FileDescriptor fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    struct stat status{};
+    if (fd.get() < 0 || ::fstat(fd.get(), &status) != 0) return {};
+    FileStamp stamp{true,
+                    static_cast<std::uint64_t>(status.st_dev),
+                    static_cast<std::uint64_t>(status.st_ino),
+                    static_cast<std::int64_t>(status.st_mtim.tv_sec) * 1'000'000'000 + status.st_mtim.tv_nsec,
+                    static_cast<std::int64_t>(status.st_size),
+                    0};
+    if (content == StampContent::hashed && S_ISREG(status.st_mode)) {
+        std::string bytes(static_cast<std::size_t>(status.st_size), '\0');
+        std::size_t filled = 0;
+        while (filled < bytes.size()) {
+            const ssize_t count = ::read(fd.get(), bytes.data() + filled, bytes.size() - filled);
+            if (count < 0 && errno == EINTR) continue;
+            if (count <= 0) break;
+            filled += static_cast<std::size_t>(count);
+        }
+        bytes.resize(filled);
+        stamp.contentHash = std::hash<std::string_view>{}(bytes) | 1;
+    }
+    return stamp;
 }
 
 std::expected<std::string, std::error_code> readFile(const std::filesystem::path& path) {

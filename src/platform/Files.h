@@ -1,5 +1,8 @@
 #pragma once
 
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
 #include <expected>
 #include <filesystem>
 #include <string>
@@ -18,6 +21,31 @@ namespace tamsel::platform {
 // std::error_code in the generic category.
 std::expected<void, std::error_code> writeFileAtomically(const std::filesystem::path& path,
                                                          std::string_view bytes);
+
+// Removes the temporary files that writeFileAtomically left in `folder` when
+// its process died mid-write: those no live writer holds locked, at least
+// `minimumAge` old. Returns how many it removed; a folder that cannot be
+// read has none.
+std::size_t removeStaleTemporaries(const std::filesystem::path& folder,
+                                   std::chrono::seconds minimumAge = std::chrono::seconds(2));
+
+// What identifies one version of a file. Files replaced by
+// writeFileAtomically are new files, but a file system may hand a new file
+// the inode of one just removed, within one tick of its clock: where that
+// matters (small files that several programs rewrite in quick succession),
+// ask for the content's hash too. Two stamps of a missing file are equal.
+struct FileStamp {
+    bool exists = false;
+    std::uint64_t device = 0;
+    std::uint64_t inode = 0;
+    std::int64_t modifiedNanoseconds = 0;
+    std::int64_t size = 0;
+    std::size_t contentHash = 0;  // 0 unless asked for
+
+    bool operator==(const FileStamp&) const = default;
+};
+enum class StampContent { ignored, hashed };
+FileStamp fileStamp(const std::filesystem::path& path, StampContent content = StampContent::ignored);
 
 // The whole file.
 std::expected<std::string, std::error_code> readFile(const std::filesystem::path& path);

@@ -8,6 +8,7 @@
 #include "settings/NotificationNames.h"
 #include "storage/PackagePreferences.h"
 #include "storage/PathProvider.h"
+#include "storage/RebuildLedger.h"
 
 #include <algorithm>
 #include <fmt/format.h>
@@ -135,10 +136,23 @@ void updateRuleMap(Change&& change) {
     });
 }
 
+bool isWhitelistRule(const model::Rule& rule) {
+    return rule.blocker.action.type == model::ActionType::ignorePreviousRules;
+}
+
 bool holdsWhitelistRule(const model::Package& package) {
-    return std::any_of(package.rules.begin(), package.rules.end(), [](const model::Rule& rule) {
-        return rule.blocker.action.type == model::ActionType::ignorePreviousRules;
-    });
+    return std::any_of(package.rules.begin(), package.rules.end(), isWhitelistRule);
+}
+
+// A switch stored without a rebuild is rebuilt by the caller; should the
+// process die first, the debt is on record. Whitelisting entries end every
+// extension's file.
+void oweRebuildFor(const model::Package& package, bool whitelisting) {
+    if (whitelisting) {
+        RebuildLedger::oweAll();
+    } else {
+        RebuildLedger::owe({package.type()});
+    }
 }
 
 }  // namespace
@@ -219,17 +233,20 @@ DisabledRules BlockerPreferenceManager::disabledRules() const {
 
 void BlockerPreferenceManager::saveEnabledPreferenceWithoutReload(const model::Rule& rule,
                                                                   const model::Package& inPackage) {
+    oweRebuildFor(inPackage, isWhitelistRule(rule));
     postWillSaveOnMain();
     updateRuleMap([&](DisabledRules& map) { map[inPackage.id].insert_or_assign(rule.id, false); });
     postDidSaveOnMain();
 }
 
 void BlockerPreferenceManager::saveEnabledPreferenceWithoutReload(const model::Package& package) {
+    oweRebuildFor(package, holdsWhitelistRule(package));
     updatePackageMap([&](DisabledPackages& map) { map.insert_or_assign(package.id, false); });
     tellObserver();
 }
 
 void BlockerPreferenceManager::saveDisabledPreferenceWithoutReload(const model::Package& package) {
+    oweRebuildFor(package, holdsWhitelistRule(package));
     updatePackageMap([&](DisabledPackages& map) { map.insert_or_assign(package.id, true); });
     tellObserver();
 }
@@ -237,17 +254,24 @@ void BlockerPreferenceManager::saveDisabledPreferenceWithoutReload(const model::
 void BlockerPreferenceManager::savePreferenceWithReload(std::vector<model::Package> packages, bool disabled) {
     postWillSaveOnMain();
     serialWriteQueue_.async([self = shared_from_this(), packages = std::move(packages), disabled] {
-        updatePackageMap([&](DisabledPackages& map) {
-            for (const model::Package& package : packages) map.insert_or_assign(package.id, disabled);
-        });
-
         std::vector<model::ExtensionType> types;
         for (const model::Package& package : packages) {
             const model::ExtensionType type = package.type();
             if (std::find(types.begin(), types.end(), type) == types.end()) types.push_back(type);
         }
+        const bool changesWhitelist = std::any_of(packages.begin(), packages.end(), holdsWhitelistRule);
+        // Owed before the switch is stored, so that the rebuild survives this process.
+        if (changesWhitelist) {
+            RebuildLedger::oweAll();
+        } else {
+            RebuildLedger::owe(types);
+        }
+        updatePackageMap([&](DisabledPackages& map) {
+            for (const model::Package& package : packages) map.insert_or_assign(package.id, disabled);
+        });
+
         auto reloading = self->collaborators_.reloading ? self->collaborators_.reloading : ExtensionReloading::shared();
-        if (std::any_of(packages.begin(), packages.end(), holdsWhitelistRule)) {
+        if (changesWhitelist) {
             // Whitelisting entries end every extension's file.
             reloading->saveToJSONAndReloadAll(std::nullopt, {});
         } else {

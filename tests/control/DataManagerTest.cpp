@@ -5,6 +5,7 @@
 #include "platform/MainRunLoop.h"
 #include "storage/PathProvider.h"
 #include "storage/PersistentStore.h"
+#include "storage/RebuildLedger.h"
 #include "support/TestSupport.h"
 
 #include <gmock/gmock.h>
@@ -23,8 +24,10 @@ using model::JSONFileName;
 using model::Package;
 using model::Rule;
 using storage::RecordingExtensionReloading;
+using ::testing::Contains;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
+using ::testing::Not;
 using Request = RecordingExtensionReloading::Request;
 using Report = RecordingRuleChangeReporting::Report;
 
@@ -418,6 +421,100 @@ TEST_F(DataManagerTest, ConcurrentEditsAndReadsLoseNoChange) {
     for (auto& thread : threads) thread.join();
     EXPECT_EQ(manager.customPackages()[0].rules.size(), 2u + 2 * perThread);
     EXPECT_EQ(manager.configurablePackages()[1].rules.size(), 2u * perThread);
+}
+
+// --- Package files shared with other programs -----------------------------------------
+
+// Another program of the data root: its own data manager over the same files.
+class SharedFilesTest : public DataManagerTest {
+protected:
+    void SetUp() override {
+        const auto filters = storage::PathProvider::filtersFolderURL();
+        std::filesystem::create_directories(filters);
+        for (const auto& entry :
+             std::filesystem::directory_iterator(std::filesystem::path(TAMSEL_SOURCE_DIR) / "resources/packages")) {
+            std::filesystem::copy_file(entry.path(), filters / entry.path().filename());
+        }
+        manager.loadAllPackages();
+        other.loadAllPackages();
+    }
+
+    Package whitelistOf(const DataManager& holder) {
+        for (const Package& package : holder.configurablePackages()) {
+            if (package.id == "whitelist") return package;
+        }
+        return package("missing");
+    }
+
+    std::shared_ptr<RecordingExtensionReloading> otherReloads = std::make_shared<RecordingExtensionReloading>();
+    DataManager other{{otherReloads, std::make_shared<RecordingRuleChangeReporting>()}};
+};
+
+TEST_F(SharedFilesTest, ASaveKeepsTheRulesAnotherProgramSavedMeanwhile) {
+    const Package stale = whitelistOf(manager);
+    other.saveRule(whitelistRule("theirs"), whitelistOf(other));
+    manager.saveRule(whitelistRule("ours"), stale);
+
+    const auto onDisk = readList(JSONFileName::blockConfigurable);
+    const auto whitelist = std::find_if(onDisk.begin(), onDisk.end(), [](const Package& p) { return p.id == "whitelist"; });
+    ASSERT_NE(whitelist, onDisk.end());
+    EXPECT_THAT(ruleIDsOf(*whitelist), ::testing::IsSupersetOf({"theirs", "ours"}));
+    EXPECT_EQ(whitelistOf(manager), *whitelist) << "the saving program holds what it wrote";
+}
+
+TEST_F(SharedFilesTest, ADeletionDoesNotBringBackWhatAnotherProgramRemoved) {
+    ASSERT_FALSE(other.customPackages().empty());
+    const Package mine = other.customPackages().front();
+    other.saveRule(blockRule("gone"), mine);
+    manager.refreshFromDisk();
+    const Package held = manager.customPackages().front();
+    other.deleteRule(blockRule("gone"), mine);
+    manager.saveRule(blockRule("kept"), held);
+
+    const auto custom = readList(JSONFileName::blockCustom);
+    ASSERT_FALSE(custom.empty());
+    EXPECT_THAT(ruleIDsOf(custom.front()), Not(Contains("gone")));
+    EXPECT_THAT(ruleIDsOf(custom.front()), Contains("kept"));
+}
+
+TEST_F(SharedFilesTest, RefreshReadsAgainOnlyTheListsWhoseFilesChanged) {
+    const auto configurable = manager.configurablePackageList();
+    const auto custom = manager.customPackageList();
+    const auto international = manager.internationalPackageList();
+    manager.refreshFromDisk();
+    EXPECT_EQ(manager.configurablePackageList(), configurable) << "nothing changed, nothing read";
+
+    other.saveRule(whitelistRule("theirs"), whitelistOf(other));
+    manager.refreshFromDisk();
+    EXPECT_NE(manager.configurablePackageList(), configurable);
+    EXPECT_THAT(ruleIDsOf(whitelistOf(manager)), Contains("theirs"));
+    EXPECT_EQ(manager.customPackageList(), custom);
+    EXPECT_EQ(manager.internationalPackageList(), international);
+}
+
+TEST_F(SharedFilesTest, AListSetInMemoryIsTakenAsItIsUntilSaved) {
+    manager.setConfigurablePackages({package("whitelist", {whitelistRule("memory")})});
+    other.saveRule(whitelistRule("theirs"), whitelistOf(other));
+    manager.refreshFromDisk();
+    EXPECT_THAT(ruleIDsOf(whitelistOf(manager)), ElementsAre("memory"));
+}
+
+TEST_F(SharedFilesTest, AChangedGeneralFileDropsTheGeneralListForReadersToTakeFromDisk) {
+    ASSERT_FALSE(manager.generalPackageList()->empty());
+    ASSERT_TRUE(platform::writeFileAtomically(storage::PathProvider::filtersFolderURL() / "block-ads.json",
+                                              model::encodePackage(package("block-ads", {blockRule("new")}))));
+    manager.refreshFromDisk();
+    EXPECT_TRUE(manager.generalPackageList()->empty());
+    manager.loadAllPackages();
+    EXPECT_THAT(ruleIDsOf(manager.generalPackages().front()), ElementsAre("new"));
+}
+
+TEST_F(SharedFilesTest, ASaveOwesTheRebuildItAsksForBeforeAnythingIsWritten) {
+    manager.saveRule(blockRule("m"), manager.customPackages().front());
+    EXPECT_THAT(storage::RebuildLedger::owed(), ElementsAre(ExtensionType::customRules));
+    manager.saveRule(whitelistRule("w"), whitelistOf(manager));
+    EXPECT_EQ(storage::RebuildLedger::owed().size(), model::allCases<ExtensionType>().size())
+        << "a whitelist change owes every extension's rebuild";
 }
 
 }  // namespace

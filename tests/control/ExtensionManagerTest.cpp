@@ -11,6 +11,7 @@
 #include "settings/MainApp.h"
 #include "settings/NotificationNames.h"
 #include "storage/PathProvider.h"
+#include "storage/RebuildLedger.h"
 #include "support/TestSupport.h"
 
 #include <gmock/gmock.h>
@@ -367,6 +368,49 @@ TEST_F(ExtensionManagerTest, ReloadingWithoutSavingLeavesTheFilesAlone) {
     EXPECT_EQ(safari->reloads().size(), 8u);
     EXPECT_FALSE(std::filesystem::exists(storage::PathProvider::safariJSONFilePath(ExtensionType::blockAds)));
     EXPECT_FALSE(log.contains("START saving JSON"));
+}
+
+// --- Rebuilds owed by earlier runs ----------------------------------------------------------
+
+TEST_F(ExtensionManagerTest, OwedRebuildsAreMadeAndSettledOnlyWhenSafariReloaded) {
+    using storage::RebuildLedger;
+    RebuildLedger::owe({ExtensionType::blockAds, ExtensionType::blockSocial});
+    safari->failNext(id(ExtensionType::blockSocial), 6, 1);
+    auto manager = makeManager(safari);
+
+    manager->repairOwedRebuilds();
+    ASSERT_TRUE(manager->waitUntilIdle(20s));
+
+    EXPECT_TRUE(std::filesystem::exists(storage::PathProvider::safariJSONFilePath(ExtensionType::blockAds)));
+    EXPECT_EQ(safari->reloadCount(id(ExtensionType::blockAds)), 1);
+    EXPECT_THAT(RebuildLedger::owed(), ElementsAre(ExtensionType::blockSocial))
+        << "a reload that failed for good still owes its rebuild";
+
+    manager->repairOwedRebuilds();
+    ASSERT_TRUE(manager->waitUntilIdle(20s));
+    EXPECT_TRUE(RebuildLedger::owed().empty());
+}
+
+TEST_F(ExtensionManagerTest, EverySaveRequestAlsoPaysTheDebtsOfOtherExtensions) {
+    storage::RebuildLedger::owe({ExtensionType::blockComments});
+    auto manager = makeManager(safari);
+    std::optional<ReloadingResult> result;
+    manager->saveToJSONAndReload(ExtensionType::customRules, false,
+                                 [&result](ReloadingResult outcome) { result = outcome; });
+    settle(*manager, result);
+    EXPECT_EQ(safari->reloadCount(id(ExtensionType::blockComments)), 1);
+    EXPECT_TRUE(storage::RebuildLedger::owed().empty());
+}
+
+TEST_F(ExtensionManagerTest, NoDebtIsPaidWhileTheHostApplicationWrites) {
+    storage::RebuildLedger::owe({ExtensionType::blockAds});
+    auto host = settings::MainApp::HostPresence::acquire();
+    ASSERT_TRUE(host) << host.error();
+    auto manager = makeManager(safari);
+    manager->repairOwedRebuilds();
+    ASSERT_TRUE(manager->waitUntilIdle(5s));
+    EXPECT_TRUE(safari->reloads().empty());
+    EXPECT_THAT(storage::RebuildLedger::owed(), ElementsAre(ExtensionType::blockAds));
 }
 
 }  // namespace

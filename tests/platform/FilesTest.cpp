@@ -1,10 +1,12 @@
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/file.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <fcntl.h>
 #include <fstream>
 #include <thread>
 
@@ -150,6 +152,51 @@ TEST_F(FilesTest, BackupAndHiddenFlagsAreExtendedAttributes) {
     ASSERT_FALSE(missing);
     EXPECT_EQ(missing.error(), std::errc::no_such_file_or_directory);
     EXPECT_FALSE(isHidden(directory / "absent"));
+}
+
+// --- What killed writers leave behind -------------------------------------------------------
+
+TEST_F(FilesTest, StaleTemporariesAreRemovedButNotLiveOnesNorOtherFiles) {
+    writeOld();
+    const auto folder = target.parent_path();
+    const auto old = std::filesystem::file_time_type::clock::now() - std::chrono::hours(1);
+    const auto place = [&](const std::string& name, bool aged) {
+        ASSERT_TRUE(writeFileAtomically(folder / ("placed-" + name), "partial"));
+        std::filesystem::rename(folder / ("placed-" + name), folder / name);
+        if (aged) std::filesystem::last_write_time(folder / name, old);
+    };
+    place(".block-ads.json.tmp-dead01", true);
+    place(".block-ads.json.tmp-young1", false);
+    place(".block-ads.json.tmp-held01", true);
+    place("notes.tmp-abcdef", true);  // not one of ours: no leading dot
+    const int held = ::open((folder / ".block-ads.json.tmp-held01").c_str(), O_RDONLY | O_CLOEXEC);
+    ASSERT_GE(held, 0);
+    ASSERT_EQ(::flock(held, LOCK_EX), 0) << "a writer still busy with its file";
+
+    EXPECT_EQ(removeStaleTemporaries(folder), 1u);
+    EXPECT_EQ(namesIn(folder), (std::vector<std::string>{".block-ads.json.tmp-held01", ".block-ads.json.tmp-young1",
+                                                         "block-ads.json", "notes.tmp-abcdef"}));
+    ::close(held);
+    EXPECT_EQ(removeStaleTemporaries(folder), 1u) << "released: the writer is gone";
+    EXPECT_EQ(removeStaleTemporaries(directory / "missing"), 0u);
+}
+
+TEST_F(FilesTest, TheStampOfAFileChangesWithEveryReplacement) {
+    EXPECT_EQ(fileStamp(target), FileStamp{}) << "a missing file";
+    writeOld();
+    const FileStamp first = fileStamp(target);
+    EXPECT_TRUE(first.exists);
+    EXPECT_EQ(fileStamp(target), first);
+    ASSERT_TRUE(writeFileAtomically(target, "old content"));
+    EXPECT_NE(fileStamp(target), first) << "same bytes, but another file";
+
+    // A file system may give a new file of the same size the inode and the
+    // time of the one it replaces; then only what it holds tells them apart.
+    const FileStamp hashed = fileStamp(target, StampContent::hashed);
+    EXPECT_NE(hashed.contentHash, 0u);
+    EXPECT_EQ(fileStamp(target, StampContent::hashed), hashed) << "stable";
+    std::ofstream(target, std::ios::in | std::ios::out) << "new";
+    EXPECT_NE(fileStamp(target, StampContent::hashed).contentHash, hashed.contentHash);
 }
 
 }  // namespace
