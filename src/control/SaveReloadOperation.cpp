@@ -111,8 +111,7 @@ void SaveReloadOperation::main() {
     // One rebuild of this extension's file at a time across every program
     // of the data root, each from the package files as they are when it
     // starts: the file written last is then never older than the packages.
-    platform::InterProcessMutex fileLock(storage::PathProvider::sharedContainerURL() /
-                                         ("safari-json-" + rawValue + ".lock"));
+    platform::InterProcessMutex fileLock(storage::PathProvider::safariJSONLockPath(extensionType_));
     std::lock_guard fileLocked(fileLock);
     // Taken before anything is read: a change that lands while this rebuild
     // runs keeps its debt, and its own rebuild follows.

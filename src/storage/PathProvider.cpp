@@ -74,6 +74,10 @@ fs::path PathProvider::safariJSONFilePath(model::ExtensionType type) {
     return safariJSONFolderURL() / name;
 }
 
+fs::path PathProvider::safariJSONLockPath(model::ExtensionType type) {
+    return sharedContainerURL() / ("safari-json-" + std::string(model::rawValue(type)) + ".lock");
+}
+
 void PathProvider::resetForTesting() {
     std::lock_guard lock(locationsMutex);
     keptLocations.reset();

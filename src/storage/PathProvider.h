@@ -45,6 +45,10 @@ public:
     // "safari-<raw value>.json" for every other type.
     static std::filesystem::path safariJSONFilePath(model::ExtensionType type);
 
+    // The lock file held by whoever rewrites that extension's Safari JSON
+    // file from what it read (a rebuild, a prepend), in the group container.
+    static std::filesystem::path safariJSONLockPath(model::ExtensionType type);
+
     // Forgets the kept locations, so that the next call works them out again.
     static void resetForTesting();
 };

@@ -5,12 +5,14 @@
 #include <simdjson.h>
 
 #include <exception>
+#include <mutex>
 #include <system_error>
 #include <type_traits>
 #include <utility>
 
 #include "model/JSONCoding.h"
 #include "platform/Files.h"
+#include "platform/InterProcessMutex.h"
 #include "platform/Log.h"
 #include "storage/Directory.h"
 #include "storage/PathProvider.h"
@@ -204,6 +206,10 @@ void PersistentStore::prependToSafariJSONFile(const model::Blocker& blocker, Mod
         if (completion) completion(std::move(result));
     };
     const fs::path path = PathProvider::safariJSONFilePath(model::ExtensionType::customRules);
+    // A rebuild of the same file in another program would otherwise lose
+    // this entry, or this write the rebuild.
+    platform::InterProcessMutex fileLock(PathProvider::safariJSONLockPath(model::ExtensionType::customRules));
+    std::lock_guard locked(fileLock);
 
     auto old = platform::readFile(path);
     if (!old) {
