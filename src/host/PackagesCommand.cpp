@@ -21,6 +21,7 @@
 #include "host/ConsoleRouting.h"
 #include "host/InputFile.h"
 #include "model/JSONCoding.h"
+#include "platform/Files.h"
 #include "platform/MainRunLoop.h"
 #include "storage/ExtensionReloading.h"
 #include "storage/PackagePreferences.h"
@@ -193,9 +194,15 @@ int runSwitch(const std::string& identifier, bool disable, const GlobalOptions& 
 
 int runExport(const std::string& identifier, const std::optional<std::string>& to, const GlobalOptions& global) {
     ConsoleToStandardError console(global.verbose);
+    const std::filesystem::path path = to ? std::filesystem::path(*to) : storage::PersistentStore::sharedPackagesPath();
+    // Only a regular file is replaced: not a FIFO, a device or a link that
+    // happens to be where the user pointed. (The write checks again.)
+    if (auto replaceable = platform::checkReplaceable(path); !replaceable) {
+        return reportFailure("can't export " + identifier + " to " + path.string() + ": " +
+                             replaceable.error().message());
+    }
     const auto package = findPackage(loadedDataManager(), identifier);
     if (!package) return reportFailure("no package with identifier " + identifier);
-    const std::filesystem::path path = to ? std::filesystem::path(*to) : storage::PersistentStore::sharedPackagesPath();
     if (auto written = storage::PersistentStore::writeForSharing(*package, path); !written) {
         return reportFailure("can't export " + identifier + ": " + written.error().description());
     }

@@ -141,6 +141,30 @@ expect_status 1
 [ ! -e "$WORK/none.tmsl" ] || problem "a file was written for an unknown package"
 finish
 
+begin "export --to refuses what is not a regular file and touches nothing"
+mkfifo "$WORK/fifo"
+echo "kept" >"$WORK/kept.txt"
+ln -s "$WORK/kept.txt" "$WORK/link"
+ln -s "$WORK/nowhere" "$WORK/dangling"
+mkdir "$WORK/folder"
+for target in fifo link dangling folder; do
+    tamsel export block-ads --to "$WORK/$target"
+    expect_status 1
+    expect_stdout_empty
+    expect_stderr_lines 1
+    expect_stderr_contains "tamsel: can't export block-ads to $WORK/$target: not a regular file"
+done
+[ -p "$WORK/fifo" ] || problem "the FIFO was replaced"
+[ -L "$WORK/link" ] && [ -L "$WORK/dangling" ] || problem "a link was replaced"
+[ "$(cat "$WORK/kept.txt")" = kept ] || problem "the file behind the link was written"
+[ ! -e "$WORK/nowhere" ] || problem "a file was made where the dangling link points"
+[ -z "$(ls -A "$WORK/folder")" ] || problem "something was written into the folder"
+ls -A "$WORK" | grep -q '\.tmp-' && problem "a temporary file was left"
+tamsel export block-ads --to "$WORK/kept.txt"
+expect_status 0
+grep -qF '"block-ads"' "$WORK/kept.txt" || problem "a regular file was not replaced"
+finish
+
 begin "import adds a shared package as a custom package and saves the custom file"
 sed "s/$CUSTOM_ID/shared-list/; s/My Reading List Rules/Shared List/" "$WORK/mine.tmsl" >"$WORK/shared.tmsl"
 tamsel import "$WORK/shared.tmsl"
