@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "control/DataManager.h"
+#include "control/PackageImport.h"
 #include "host/Command.h"
 #include "host/ConsoleRouting.h"
 #include "host/InputFile.h"
@@ -220,14 +221,18 @@ int runImport(const std::string& file, const GlobalOptions& global) {
     auto bytes = loadInputFile(file);
     if (!bytes) return reportFailure(file + ": " + bytes.error());
     std::optional<model::Decoded<model::PackageFile>> decoded;
+    std::optional<std::string> refusal;
     DataManager* loaded = nullptr;
     {
         // Decoding names its errors on the console; the reason is reported below.
         ConsoleToStandardError console(global.verbose);
         decoded = model::decodePackageFile(*bytes);
-        if (*decoded) loaded = &loadedDataManager();
+        // The whole file or nothing: checked before any package goes in.
+        if (*decoded) refusal = control::importRefusal((*decoded)->packages);
+        if (*decoded && !refusal) loaded = &loadedDataManager();
     }
     if (!*decoded) return reportFailure(file + ": " + decoded->error().description);
+    if (refusal) return reportFailure(file + ": nothing imported: " + *refusal);
 
     DataManager& manager = *loaded;
     const auto configurable = manager.configurablePackages();
