@@ -27,6 +27,14 @@ std::shared_ptr<platform::Store> openStore(const std::string& name) {
     return platform::SharedDefaults::shared();
 }
 
+// The suite behind a store, which can also say why a stored value is
+// unreadable.
+std::shared_ptr<platform::UserDefaults> openSuite(const std::string& name) {
+    if (name == "standard") return platform::Defaults::standard();
+    if (name == "ubiquitous") return platform::UbiquitousStore::shared()->backing();
+    return platform::SharedDefaults::shared();
+}
+
 std::string lowercased(std::string text) {
     std::transform(text.begin(), text.end(), text.begin(),
                    [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
@@ -131,14 +139,18 @@ struct KeyOptions {
 };
 
 int runRead(const KeyOptions& options, const GlobalOptions& global) {
-    const auto store = openStore(options.store);
+    const auto suite = openSuite(options.store);
     if (!options.key) {
-        printLine(platform::Value(store->dictionaryRepresentation()).toJSON());
+        printLine(platform::Value(suite->dictionaryRepresentation()).toJSON());
         return exitSuccess;
     }
-    const auto value = store->value(*options.key);
-    if (!value) return reportFailure("the " + options.store + " store has no key " + *options.key);
-    printLine(global.json ? value->toJSON() : plainText(*value));
+    const auto value = suite->storedValue(*options.key);
+    if (!value) {
+        return reportFailure("the " + options.store + " store's value for key " + *options.key +
+                             " is unreadable: " + value.error());
+    }
+    if (!*value) return reportFailure("the " + options.store + " store has no key " + *options.key);
+    printLine(global.json ? (*value)->toJSON() : plainText(**value));
     return exitSuccess;
 }
 

@@ -17,10 +17,12 @@
 #include <vector>
 
 #include "control/DataManager.h"
+#include "control/PackageImport.h"
 #include "host/Command.h"
 #include "host/ConsoleRouting.h"
 #include "host/InputFile.h"
 #include "model/JSONCoding.h"
+#include "platform/Files.h"
 #include "platform/MainRunLoop.h"
 #include "storage/ExtensionReloading.h"
 #include "storage/PackagePreferences.h"
@@ -193,9 +195,15 @@ int runSwitch(const std::string& identifier, bool disable, const GlobalOptions& 
 
 int runExport(const std::string& identifier, const std::optional<std::string>& to, const GlobalOptions& global) {
     ConsoleToStandardError console(global.verbose);
+    const std::filesystem::path path = to ? std::filesystem::path(*to) : storage::PersistentStore::sharedPackagesPath();
+    // Only a regular file is replaced: not a FIFO, a device or a link that
+    // happens to be where the user pointed. (The write checks again.)
+    if (auto replaceable = platform::checkReplaceable(path); !replaceable) {
+        return reportFailure("can't export " + identifier + " to " + path.string() + ": " +
+                             replaceable.error().message());
+    }
     const auto package = findPackage(loadedDataManager(), identifier);
     if (!package) return reportFailure("no package with identifier " + identifier);
-    const std::filesystem::path path = to ? std::filesystem::path(*to) : storage::PersistentStore::sharedPackagesPath();
     if (auto written = storage::PersistentStore::writeForSharing(*package, path); !written) {
         return reportFailure("can't export " + identifier + ": " + written.error().description());
     }
@@ -213,14 +221,18 @@ int runImport(const std::string& file, const GlobalOptions& global) {
     auto bytes = loadInputFile(file);
     if (!bytes) return reportFailure(file + ": " + bytes.error());
     std::optional<model::Decoded<model::PackageFile>> decoded;
+    std::optional<std::string> refusal;
     DataManager* loaded = nullptr;
     {
         // Decoding names its errors on the console; the reason is reported below.
         ConsoleToStandardError console(global.verbose);
         decoded = model::decodePackageFile(*bytes);
-        if (*decoded) loaded = &loadedDataManager();
+        // The whole file or nothing: checked before any package goes in.
+        if (*decoded) refusal = control::importRefusal((*decoded)->packages);
+        if (*decoded && !refusal) loaded = &loadedDataManager();
     }
     if (!*decoded) return reportFailure(file + ": " + decoded->error().description);
+    if (refusal) return reportFailure(file + ": nothing imported: " + *refusal);
 
     DataManager& manager = *loaded;
     // Merged into the custom packages as they are on disk, and saved before

@@ -65,10 +65,31 @@ std::vector<std::string> rawValues(const std::vector<ExtensionType>& types) {
     return names;
 }
 
+// The host as typed, with control characters escaped, so that the failure
+// stays one line whatever the argument held.
+std::string shownHost(std::string_view host) {
+    std::string shown;
+    for (const char c : host) {
+        const auto byte = static_cast<unsigned char>(c);
+        if (c == '\n') {
+            shown += "\\n";
+        } else if (c == '\t') {
+            shown += "\\t";
+        } else if (c == '\r') {
+            shown += "\\r";
+        } else if (byte < 0x20 || byte == 0x7F) {
+            shown += fmt::format("\\x{:02x}", byte);
+        } else {
+            shown += c;
+        }
+    }
+    return shown;
+}
+
 // `logLine`: what the popover writes to the system log in the same case.
 int invalidDomain(const std::string& host, const char* logLine = nullptr) {
     if (logLine) popoverLog.error("%s", logLine);
-    return reportFailure("invalid domain \"" + host +
+    return reportFailure("invalid domain \"" + shownHost(host) +
                          "\": Safari's domain lists take host names such as example.com or *example.com");
 }
 

@@ -11,6 +11,9 @@ namespace tamsel::model {
 
 namespace {
 
+constexpr std::size_t maximumLabelLength = 63;
+constexpr std::size_t maximumNameLength = 253;
+
 bool isASCII(std::string_view text) {
     return std::all_of(text.begin(), text.end(), [](char c) { return static_cast<unsigned char>(c) < 0x80; });
 }
@@ -51,6 +54,25 @@ bool looksLikeIPAddress(std::string_view host) {
     return std::all_of(last.begin(), last.end(), [](char c) { return c >= '0' && c <= '9'; });
 }
 
+// Labels of letters, digits, hyphens and underscores between single dots,
+// each label 1 to 63 characters and the whole at most 253, as DNS allows; a
+// leading "*" (the wildcard form) is not counted. `domain` is lower-case.
+bool isDNSName(std::string_view domain) {
+    if (domain.starts_with('*')) domain.remove_prefix(1);
+    if (domain.empty() || domain.size() > maximumNameLength) return false;
+    std::size_t label = 0;
+    for (const char c : domain) {
+        if (c == '.') {
+            if (label == 0) return false;
+            label = 0;
+            continue;
+        }
+        const bool allowed = (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '-' || c == '_';
+        if (!allowed || ++label > maximumLabelLength) return false;
+    }
+    return label > 0;
+}
+
 }  // namespace
 
 std::optional<std::string> domainForHost(std::string_view host) {
@@ -63,7 +85,9 @@ std::optional<std::string> domainForHost(std::string_view host) {
         if (!converted) return std::nullopt;
         domain = wildcard ? "*" + *converted : std::move(*converted);
     }
-    if (looksLikeIPAddress(domain) || !EditorValidator::isValidDomain(domain)) return std::nullopt;
+    if (!isDNSName(domain) || looksLikeIPAddress(domain) || !EditorValidator::isValidDomain(domain)) {
+        return std::nullopt;
+    }
     return domain;
 }
 

@@ -20,7 +20,13 @@ namespace tamsel::model {
 //    kept. A host that does not convert (a disallowed character, broken
 //    UTF-8) gives nothing;
 //  * IP addresses give nothing: a host whose last label is a number
-//    ("192.168.0.1", "127.1", "0x7f.1") or that holds a ":" (IPv6).
+//    ("192.168.0.1", "127.1", "0x7f.1") or that holds a ":" (IPv6);
+//  * the result must be a DNS name, or nothing is given: labels of ASCII
+//    letters, digits, hyphens and underscores, separated by single dots,
+//    each 1 to 63 characters long, the whole (after a leading "*") at most
+//    253. So white space, control characters, empty labels ("a..b.com")
+//    and oversized names never reach a rule, whatever the EditorValidator,
+//    which does not look for them, would say.
 // Pure ASCII hosts are not run through the IDNA rules, so names Safari takes
 // as they are ("my_host.example.com") stay valid.
 std::optional<std::string> domainForHost(std::string_view host);

@@ -75,9 +75,40 @@ std::expected<bool, std::error_code> hasFlag(const std::filesystem::path& path, 
     return lastError();
 }
 
+class FileErrorCategory : public std::error_category {
+public:
+    const char* name() const noexcept override { return "tamsel.files"; }
+    std::string message(int value) const override {
+        switch (static_cast<FileError>(value)) {
+        case FileError::notRegularFile: return "not a regular file";
+        }
+        return "unknown file error";
+    }
+};
+
 }  // namespace
 
+const std::error_category& fileErrorCategory() {
+    static const FileErrorCategory category;
+    return category;
+}
+
+std::error_code make_error_code(FileError error) { return {static_cast<int>(error), fileErrorCategory()}; }
+
+std::expected<void, std::error_code> checkReplaceable(const std::filesystem::path& path) {
+    struct stat status{};
+    if (::lstat(path.c_str(), &status) != 0) {
+        if (errno == ENOENT) return {};
+        return lastError();
+    }
+    if (!S_ISREG(status.st_mode)) return std::unexpected(make_error_code(FileError::notRegularFile));
+    return {};
+}
+
 std::expected<void, std::error_code> writeFileAtomically(const std::filesystem::path& path, std::string_view bytes) {
+    // Something put there between this look and the rename below is still
+    // replaced; the look keeps the program from doing it on its own.
+    if (auto replaceable = checkReplaceable(path); !replaceable) return replaceable;
     const std::filesystem::path directory = path.has_parent_path() ? path.parent_path() : ".";
     // Hidden and recognisable, so that a crash mid-write leaves no file that
     // a reader could mistake for the real one.

@@ -12,13 +12,30 @@
 // File operations whose results other programs read.
 namespace tamsel::platform {
 
+// Errors of our own, beside the errno values of the generic category.
+enum class FileError {
+    notRegularFile = 1,  // "not a regular file"
+};
+const std::error_category& fileErrorCategory();
+std::error_code make_error_code(FileError error);
+
+// Whether writeFileAtomically may replace `path`: it must be absent or a
+// regular file. Anything else that is there (a symbolic link, a FIFO, a
+// device node, a socket, a folder) is refused with FileError::notRegularFile,
+// for replacing it by a regular file would destroy what it stands for. The
+// path itself is looked at (lstat), not what a link points to. Other errors
+// of the look (no permission, a file where a folder should be) come back as
+// their errno.
+std::expected<void, std::error_code> checkReplaceable(const std::filesystem::path& path);
+
 // Replaces `path` with `bytes` so that a reader sees either the old file whole
 // or the new one whole: the bytes go to a temporary file in the same folder,
 // are flushed to disk, and the temporary file is renamed over `path`. An
 // existing file's permissions are kept; a new file gets rw-r--r--.
-// On failure (no space, no permission, a missing folder, …) the temporary
-// file is removed, the old file is untouched, and the errno comes back as a
-// std::error_code in the generic category.
+// A `path` that checkReplaceable refuses is left alone and its error comes
+// back. On other failures (no space, no permission, a missing folder, …) the
+// temporary file is removed, the old file is untouched, and the errno comes
+// back as a std::error_code in the generic category.
 std::expected<void, std::error_code> writeFileAtomically(const std::filesystem::path& path,
                                                          std::string_view bytes);
 
@@ -60,3 +77,6 @@ std::expected<bool, std::error_code> isExcludedFromBackup(const std::filesystem:
 std::expected<bool, std::error_code> isHidden(const std::filesystem::path& path);
 
 }  // namespace tamsel::platform
+
+template <>
+struct std::is_error_code_enum<tamsel::platform::FileError> : std::true_type {};

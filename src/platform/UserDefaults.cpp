@@ -53,12 +53,19 @@ struct Observer {
     bool removed = false;  // guarded by Impl::observersMutex
 };
 
+std::expected<Value, std::string> decodeBlob(const SQLite::Column& column) {
+    const auto* bytes = static_cast<const char*>(column.getBlob());
+    return decodeValue(std::string_view(bytes, static_cast<std::size_t>(column.getBytes())));
+}
+
 std::optional<Value> decodeColumn(const SQLite::Column& column, const std::string& key) {
     if (column.isNull()) return std::nullopt;
-    const auto* bytes = static_cast<const char*>(column.getBlob());
-    auto value = decodeValue(std::string_view(bytes, static_cast<std::size_t>(column.getBytes())));
-    if (!value) logger().error("Ignoring the unreadable value stored for key \"%s\"", key.c_str());
-    return value;
+    auto value = decodeBlob(column);
+    if (!value) {
+        logger().error("Ignoring the unreadable value stored for key \"%s\": %s", key.c_str(), value.error().c_str());
+        return std::nullopt;
+    }
+    return std::move(*value);
 }
 
 }  // namespace
@@ -101,6 +108,11 @@ struct UserDefaults::Impl : std::enable_shared_from_this<UserDefaults::Impl> {
     std::int64_t dataVersion() const { return database->execAndGet("PRAGMA data_version").getInt64(); }
 
     void write(const std::optional<Value>& value, const std::string& key) {
+        if (value && value->exceedsMaximumDepth()) {
+            logger().error("Could not write key \"%s\" of suite \"%s\": the value is nested deeper than %d levels",
+                           key.c_str(), suiteName.c_str(), Value::maximumDepth);
+            return;
+        }
         std::lock_guard lock(databaseMutex);
         std::int64_t version = 0;
         std::int64_t previousMaximum = 0;
@@ -401,12 +413,23 @@ const std::string& UserDefaults::suiteName() const { return impl_->suiteName; }
 const std::filesystem::path& UserDefaults::path() const { return impl_->path; }
 
 std::optional<Value> UserDefaults::value(const std::string& key) const {
+    auto stored = storedValue(key);
+    if (!stored) {
+        logger().error("Ignoring the unreadable value stored for key \"%s\": %s", key.c_str(), stored.error().c_str());
+        return std::nullopt;
+    }
+    return std::move(*stored);
+}
+
+std::expected<std::optional<Value>, std::string> UserDefaults::storedValue(const std::string& key) const {
     std::lock_guard lock(impl_->databaseMutex);
     try {
         SQLite::Statement query(*impl_->database, "SELECT value FROM entries WHERE key = ? AND value IS NOT NULL");
         query.bind(1, key);
         if (!query.executeStep()) return std::nullopt;
-        return decodeColumn(query.getColumn(0), key);
+        auto value = decodeBlob(query.getColumn(0));
+        if (!value) return std::unexpected(std::move(value.error()));
+        return std::move(*value);
     } catch (const std::exception& error) {
         logger().error("Could not read key \"%s\" of suite \"%s\": %s", key.c_str(), impl_->suiteName.c_str(),
                        error.what());

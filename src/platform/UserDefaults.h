@@ -1,5 +1,6 @@
 #pragma once
 
+#include <expected>
 #include <filesystem>
 #include <functional>
 #include <memory>
@@ -72,9 +73,18 @@ public:
     // The database file; empty for an in-memory suite.
     const std::filesystem::path& path() const;
 
+    // A stored value that cannot be decoded (another program's bytes, or a
+    // value nested deeper than Value::maximumDepth) reads as absent, with a
+    // line in the log; storedValue() says why.
     std::optional<Value> value(const std::string& key) const override;
+    // A value nested deeper than Value::maximumDepth is not stored; a line in
+    // the log says so.
     void set(std::optional<Value> value, const std::string& key) override;
     void synchronize() override {}
+
+    // The value under `key`: absent when there is none, the reason when the
+    // stored bytes cannot be decoded.
+    std::expected<std::optional<Value>, std::string> storedValue(const std::string& key) const;
     Dictionary dictionaryRepresentation() const override;
 
     using KeyHandler = std::function<void(const std::optional<Value>& newValue)>;

@@ -4,6 +4,7 @@
 #include <rapidjson/writer.h>
 #include <simdjson.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstdlib>
 #include <fmt/format.h>
@@ -36,12 +37,28 @@ struct JSONReader {
         return message;
     }
 
+    // Nesting is refused before the container is entered: the recursion
+    // below stays within the limit, and so does simdjson, whose own depth
+    // bookkeeping is not checked in release builds.
+    std::string tooDeep(od::document& document) const {
+        std::string message = fmt::format("invalid JSON: nested deeper than {} levels", Value::maximumDepth);
+        const char* location = nullptr;
+        if (document.current_location().get(location) == simdjson::SUCCESS && location != nullptr) {
+            message += fmt::format(" (near offset {})", location - begin);
+        }
+        return message;
+    }
+
     // Works on a document (the root) and on a nested value alike: both offer
-    // the same typed getters, and only the root may be a scalar.
+    // the same typed getters, and only the root may be a scalar. `depth` is
+    // the number of containers around the node.
     template <class Node>
-    std::expected<Value, std::string> read(Node& node, od::document& document) {
+    std::expected<Value, std::string> read(Node& node, od::document& document, int depth) {
         od::json_type type;
         if (auto error = node.type().get(type)) return std::unexpected(describe(error, document));
+        if ((type == od::json_type::object || type == od::json_type::array) && depth >= Value::maximumDepth) {
+            return std::unexpected(tooDeep(document));
+        }
         switch (type) {
         case od::json_type::object: {
             od::object object;
@@ -52,7 +69,7 @@ struct JSONReader {
                 if (auto error = field.unescaped_key().get(key)) return std::unexpected(describe(error, document));
                 od::value child;
                 if (auto error = field.value().get(child)) return std::unexpected(describe(error, document));
-                auto parsed = read(child, document);
+                auto parsed = read(child, document, depth + 1);
                 if (!parsed) return parsed;
                 dictionary.insert_or_assign(std::string(key), std::move(*parsed));
             }
@@ -65,7 +82,7 @@ struct JSONReader {
             for (auto element : array) {
                 od::value child;
                 if (auto error = element.get(child)) return std::unexpected(describe(error, document));
-                auto parsed = read(child, document);
+                auto parsed = read(child, document, depth + 1);
                 if (!parsed) return parsed;
                 elements.push_back(std::move(*parsed));
             }
@@ -209,6 +226,23 @@ constexpr std::string_view base64Alphabet =
 
 }  // namespace
 
+bool Value::exceedsMaximumDepth() const {
+    // The levels still allowed below `value`, counting its own.
+    const auto exceeds = [](const auto& self, const Value& value, int levelsLeft) -> bool {
+        const auto* elements = value.getIf<Array>();
+        const auto* entries = value.getIf<Dictionary>();
+        if (!elements && !entries) return false;
+        if (levelsLeft == 0) return true;
+        if (elements) {
+            return std::any_of(elements->begin(), elements->end(),
+                               [&](const Value& element) { return self(self, element, levelsLeft - 1); });
+        }
+        return std::any_of(entries->begin(), entries->end(),
+                           [&](const auto& entry) { return self(self, entry.second, levelsLeft - 1); });
+    };
+    return exceeds(exceeds, *this, maximumDepth);
+}
+
 std::optional<bool> Value::asBool() const { return alternative<bool>(storage_); }
 std::optional<std::int64_t> Value::asInteger() const { return alternative<std::int64_t>(storage_); }
 std::optional<double> Value::asDouble() const {
@@ -231,7 +265,7 @@ std::expected<Value, std::string> Value::fromJSON(std::string_view json) {
     if (auto error = parser.iterate(padded).get(document)) {
         return std::unexpected(fmt::format("invalid JSON: {}", simdjson::error_message(error)));
     }
-    auto value = reader.read(document, document);
+    auto value = reader.read(document, document, 0);
     if (!value) return value;
     // Only at the end of the input has the document no current location.
     const char* location = nullptr;

@@ -76,10 +76,24 @@ public:
     // Compares type and content: Value(1) != Value(1.0) != Value(true).
     friend bool operator==(const Value&, const Value&) = default;
 
+    // How deep arrays and dictionaries may nest: a top-level container is at
+    // level 1. Everything that walks a value (comparing, hashing, coding,
+    // destroying) recurses once per level, so values from outside are held
+    // to this limit wherever they enter: fromJSON refuses deeper text, the
+    // stores refuse to write deeper values and read deeper stored bytes as
+    // unreadable. Far deeper than any setting needs, far shallower than the
+    // stack allows.
+    static constexpr int maximumDepth = 256;
+
+    // True when containers nest deeper than maximumDepth. Looks no further
+    // down than that, so it is safe on any value.
+    bool exceedsMaximumDepth() const;
+
     // JSON text → value. Objects become dictionaries, arrays arrays, integral
     // numbers integers (up to int64), other numbers doubles, true/false
     // booleans, strings strings. JSON null has no property-list form and is
-    // an error, as is malformed text; the error says what and where.
+    // an error, as are malformed text and nesting deeper than maximumDepth;
+    // the error says what and where.
     static std::expected<Value, std::string> fromJSON(std::string_view json);
 
     // Compact JSON. Dates are written as ISO 8601 strings, data as base64

@@ -4,10 +4,10 @@
 #include <chrono>
 #include <cstdint>
 
+#include <fmt/format.h>
+
 namespace tamsel::platform {
 namespace {
-
-constexpr int maximumDepth = 256;
 
 void putUInt64(std::string& out, std::uint64_t number) {
     for (int i = 0; i < 8; ++i) out += static_cast<char>((number >> (8 * i)) & 0xFF);
@@ -72,6 +72,7 @@ void encodeInto(std::string& out, const Value& value) {
 struct Decoder {
     std::string_view input;
     std::size_t position = 0;
+    bool tooDeep = false;
 
     std::size_t remaining() const { return input.size() - position; }
 
@@ -94,9 +95,14 @@ struct Decoder {
         return result;
     }
 
+    // `depth`: the number of containers around the value.
     std::optional<Value> value(int depth) {
-        if (depth > maximumDepth || remaining() < 1) return std::nullopt;
+        if (remaining() < 1) return std::nullopt;
         const char tag = input[position++];
+        if ((tag == 'a' || tag == 'o') && depth >= Value::maximumDepth) {
+            tooDeep = true;
+            return std::nullopt;
+        }
         switch (tag) {
         case 'b': {
             if (remaining() < 1) return std::nullopt;
@@ -169,11 +175,12 @@ std::string encodeValue(const Value& value) {
     return out;
 }
 
-std::optional<Value> decodeValue(std::string_view bytes) {
+std::expected<Value, std::string> decodeValue(std::string_view bytes) {
     Decoder decoder{bytes};
     auto value = decoder.value(0);
-    if (!value || decoder.remaining() != 0) return std::nullopt;
-    return value;
+    if (decoder.tooDeep) return std::unexpected(fmt::format("nested deeper than {} levels", Value::maximumDepth));
+    if (!value || decoder.remaining() != 0) return std::unexpected(std::string("malformed bytes"));
+    return std::move(*value);
 }
 
 }  // namespace tamsel::platform

@@ -1,6 +1,6 @@
 #pragma once
 
-#include <optional>
+#include <expected>
 #include <string>
 #include <string_view>
 
@@ -19,12 +19,14 @@
 //   dictionary 'o' uint64 count, (uint64 length, key bytes, value)…
 //
 // Another process writes these bytes, so decoding trusts nothing: lengths are
-// checked against the input and nesting is limited.
+// checked against the input, and nesting is held to Value::maximumDepth.
 namespace tamsel::platform {
 
+// `value` must not nest deeper than Value::maximumDepth (the stores check).
 std::string encodeValue(const Value& value);
 
-// Absent when the bytes are not exactly one well-formed value.
-std::optional<Value> decodeValue(std::string_view bytes);
+// An error saying why when the bytes are not exactly one well-formed value
+// within the depth limit.
+std::expected<Value, std::string> decodeValue(std::string_view bytes);
 
 }  // namespace tamsel::platform

@@ -314,8 +314,11 @@ TEST_F(RuleChangerTest, AHostCoveredButNotNamedGetsARuleOfItsOwn) {
 }
 
 TEST_F(RuleChangerTest, InvalidHostsAreRefusedAndNothingIsWritten) {
-    for (const std::string host : {"", "intranet", "*.example.com", "example.com/path", "exa\u2026.com",
-                                   "192.168.1.1", "[::1]", "\u2603.net", "-example.com"}) {
+    const std::vector<std::string> hosts{"",           "intranet",      "*.example.com", "example.com/path",
+                                         "exa\u2026.com", "192.168.1.1",   "[::1]",         "\u2603.net",
+                                         "-example.com", "a\nb.com",      "exa mple.com",  "exa\tmple.com",
+                                         "a..b.com",     std::string(64, 'a') + ".com"};
+    for (const std::string& host : hosts) {
         EXPECT_EQ(whitelist(host), std::unexpected(RuleChanger::Error(Failure::ruleNotBuilt))) << host;
         EXPECT_THAT(newLines(), ElementsAre("Error creating whitelist rule for: " + host)) << host;
         EXPECT_EQ(run([&](auto done) { changer.makeHttps(host, done); }),

@@ -255,6 +255,43 @@ expect_stdout "here"
 [ -d "$DATA/group" ] || problem "no group container under the data root"
 finish
 
+# repeat TEXT COUNT: TEXT COUNT times over.
+repeat() { printf "%${2}s" '' | sed "s/ /$1/g"; }
+
+begin "JSON nested deeper than 256 levels is refused with one line and stores nothing"
+# As deep as one argument can be (the kernel limits one to 128 KiB).
+tamsel defaults write deepKey -json "$(repeat '[' 60000)$(repeat ']' 60000)"
+expect_status 2
+expect_stdout_empty
+expect_stderr_lines 1
+expect_stderr_contains "nested deeper than 256 levels"
+tamsel defaults read deepKey
+expect_status 1
+expect_stderr_contains "has no key deepKey"
+tamsel defaults write deepKey -json "$(repeat '[' 256)$(repeat ']' 256)"
+expect_status 0
+tamsel defaults read deepKey
+expect_status 0
+expect_stdout "$(repeat '[' 256)$(repeat ']' 256)"
+finish
+
+begin "a stored value nested deeper than the limit reads as a clear error"
+# Another program's bytes: 100,000 arrays, one inside the other.
+python3 - "$DATA"/group/*.sqlite <<'PY'
+import sqlite3, struct, sys
+value = (b"a" + struct.pack("<Q", 1)) * 100000 + b"b\x01"
+with sqlite3.connect(sys.argv[1]) as db:
+    db.execute("INSERT OR REPLACE INTO entries(key, value, version) VALUES('foreign', ?, 1000000)", (value,))
+PY
+tamsel defaults read foreign
+expect_status 1
+expect_stdout_empty
+expect_stderr_contains "tamsel: the shared store's value for key foreign is unreadable: nested deeper than 256 levels"
+tamsel defaults read
+expect_status 0
+expect_stdout_lacks "foreign"
+finish
+
 # ---------------------------------------------------------------- bad usage
 
 usage_error() {

@@ -141,6 +141,30 @@ expect_status 1
 [ ! -e "$WORK/none.tmsl" ] || problem "a file was written for an unknown package"
 finish
 
+begin "export --to refuses what is not a regular file and touches nothing"
+mkfifo "$WORK/fifo"
+echo "kept" >"$WORK/kept.txt"
+ln -s "$WORK/kept.txt" "$WORK/link"
+ln -s "$WORK/nowhere" "$WORK/dangling"
+mkdir "$WORK/folder"
+for target in fifo link dangling folder; do
+    tamsel export block-ads --to "$WORK/$target"
+    expect_status 1
+    expect_stdout_empty
+    expect_stderr_lines 1
+    expect_stderr_contains "tamsel: can't export block-ads to $WORK/$target: not a regular file"
+done
+[ -p "$WORK/fifo" ] || problem "the FIFO was replaced"
+[ -L "$WORK/link" ] && [ -L "$WORK/dangling" ] || problem "a link was replaced"
+[ "$(cat "$WORK/kept.txt")" = kept ] || problem "the file behind the link was written"
+[ ! -e "$WORK/nowhere" ] || problem "a file was made where the dangling link points"
+[ -z "$(ls -A "$WORK/folder")" ] || problem "something was written into the folder"
+ls -A "$WORK" | grep -q '\.tmp-' && problem "a temporary file was left"
+tamsel export block-ads --to "$WORK/kept.txt"
+expect_status 0
+grep -qF '"block-ads"' "$WORK/kept.txt" || problem "a regular file was not replaced"
+finish
+
 begin "import adds a shared package as a custom package and saves the custom file"
 sed "s/$CUSTOM_ID/shared-list/; s/My Reading List Rules/Shared List/" "$WORK/mine.tmsl" >"$WORK/shared.tmsl"
 tamsel import "$WORK/shared.tmsl"
@@ -158,9 +182,64 @@ tamsel export whitelist --to "$WORK/whitelist.tmsl"
 cp "$FILTERS/block-custom.json" "$WORK/custom-before.json"
 tamsel -v import "$WORK/whitelist.tmsl"
 expect_status 1
-expect_stderr_contains "There's already a configurable package with ID whitelist"
-expect_stderr_contains "tamsel: not imported: whitelist is the identifier of a configurable package"
+expect_stdout_empty
+expect_stderr_contains "tamsel: $WORK/whitelist.tmsl: nothing imported: \"whitelist\" is the identifier of a configurable package"
 cmp -s "$FILTERS/block-custom.json" "$WORK/custom-before.json" || problem "the custom file changed"
+finish
+
+# shared_file NAME PACKAGES...: a shared file of packages, each given as
+# "ID:RULE_ID,RULE_ID,...", every rule a plain blocking rule.
+shared_file() {
+    local name=$1 first=1 package id rules rule comma
+    shift
+    {
+        printf '['
+        for package in "$@"; do
+            id=${package%%:*}
+            rules=${package#*:}
+            [ $first -eq 1 ] || printf ','
+            first=0
+            printf '{"id":"%s","name":"Shared","rules":[' "$id"
+            comma=""
+            for rule in ${rules//,/ }; do
+                [ "$rule" = "-" ] && rule=""
+                printf '%s{"id":"%s","name":"r","content":{"trigger":{"url-filter":"ads"},"action":{"type":"block"}}}' \
+                    "$comma" "$rule"
+                comma=","
+            done
+            printf ']}'
+        done
+        printf ']'
+    } >"$WORK/$name"
+}
+
+begin "import refuses built-in identifiers, missing and repeated identifiers, and then imports nothing"
+cp "$FILTERS/block-custom.json" "$WORK/custom-before.json"
+# The good package first: it must not go in either.
+while IFS='|' read -r bad reason; do
+    shared_file refused.tmsl "fine-list:r1" "$bad"
+    tamsel import "$WORK/refused.tmsl"
+    expect_status 1
+    expect_stdout_empty
+    expect_stderr_lines 1
+    expect_stderr_contains "tamsel: $WORK/refused.tmsl: nothing imported: $reason"
+done <<CASES
+block-ads:r1|"block-ads" is the identifier of a built-in package
+block-international:r1|"block-international" is the identifier of a built-in package
+block-german:r1|"block-german" is the identifier of a built-in package
+block-custom:r1|"block-custom" is the identifier of a built-in package
+make-https:r1|"make-https" is the identifier of a configurable package
+:r1|package 2 has no identifier
+dup-list:r1,-|package "dup-list": rule 2 has no identifier
+dup-list:r1,r2,r1|package "dup-list": rule "r1" occurs more than once
+CASES
+cmp -s "$FILTERS/block-custom.json" "$WORK/custom-before.json" || problem "the custom file changed"
+tamsel packages
+expect_stdout_lacks "fine-list"
+[ "$(grep -c '^block-ads ' "$WORK/out")" -eq 1 ] || problem "block-ads is listed more than once"
+tamsel disable block-ads
+expect_status 0
+expect_stdout_line "rebuild: block-ads"
 finish
 
 begin "import of a broken or missing file fails with the reason"

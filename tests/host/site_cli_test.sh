@@ -124,6 +124,39 @@ expect_unchanged "$CONFIGURABLE" "$WORK/before.json"
 [ ! -d "$SAFARI_JSON" ] || problem "Safari JSON files were written"
 finish
 
+begin "hosts that are no DNS names are refused by every command, in one line, and nothing is written"
+cp "$CONFIGURABLE" "$WORK/before.json"
+label63=$(printf '%63s' '' | tr ' ' a)
+name254="$label63.$label63.$label63.$(printf '%58s' '' | tr ' ' b).com"
+# The host (printf %b escapes) and how the failure line shows it.
+while IFS='|' read -r host shown; do
+    host=$(printf '%b.' "$host")
+    host=${host%.}  # the dot keeps a trailing newline from being cut off
+    for command in whitelist unwhitelist https unhttps site; do
+        tamsel "$command" "$host"
+        expect_status 1
+        expect_stdout_empty
+        [ "$(grep -c '^tamsel:' "$WORK/err")" -eq 1 ] || problem "$command: not one failure line for $shown"
+        expect_stderr_contains "tamsel: invalid domain \"$shown\": "
+    done
+done <<HOSTS
+a\\nb.com|a\\nb.com
+example.com\\n|example.com\\n
+exa\\tmple.com|exa\\tmple.com
+exa mple.com|exa mple.com
+ example.com| example.com
+exa\\001mple.com|exa\\x01mple.com
+bücher .de|bücher .de
+a..b.com|a..b.com
+*a..b.com|*a..b.com
+$label63$label63.com|$label63$label63.com
+$label63.b.$label63$label63.com|$label63.b.$label63$label63.com
+$name254|$name254
+HOSTS
+expect_unchanged "$CONFIGURABLE" "$WORK/before.json"
+[ ! -d "$SAFARI_JSON" ] || problem "Safari JSON files were written"
+finish
+
 begin "a switched-off whitelist package is only switched on when the flag says so"
 tamsel disable whitelist
 cp "$CONFIGURABLE" "$WORK/before.json"

@@ -136,5 +136,44 @@ TEST(SiteDomainTest, TheValidatorStillDecides) {
     EXPECT_EQ(domainForHost("exa\u2026.com"), std::nullopt);
 }
 
+// The editor's check lets white space and empty labels through; the host
+// conversion does not.
+TEST(SiteDomainTest, OnlyDNSNamesBecomeDomains) {
+    const std::string label63(63, 'a');
+    const std::string longest = label63 + "." + label63 + "." + label63 + "." + std::string(57, 'b') + ".com";
+    ASSERT_EQ(longest.size(), 253u);
+    EXPECT_THAT(domainForHost(label63 + ".com"), Optional(label63 + ".com"));
+    EXPECT_THAT(domainForHost(longest), Optional(longest));
+    EXPECT_THAT(domainForHost("*" + longest), Optional("*" + longest)) << "the wildcard is not counted";
+    EXPECT_THAT(domainForHost("my_host.example.com"), Optional(std::string("my_host.example.com")));
+    EXPECT_THAT(domainForHost("*Example.com"), Optional(std::string("*example.com")));
+
+    const std::vector<std::pair<std::string, std::string>> refused{
+        {"a\nb.com", "a newline"},
+        {"example.com\n", "a trailing newline"},
+        {"exa\tmple.com", "a tab"},
+        {"exa mple.com", "a space"},
+        {" example.com", "a leading space"},
+        {"exa\rmple.com", "a carriage return"},
+        {std::string("exa\0mple.com", 12), "a NUL"},
+        {"exa\x01mple.com", "a control character"},
+        {"exa\x7fmple.com", "DEL"},
+        {"b\u00fccher .de", "a space beside a converted label"},
+        {"a..b.com", "an empty label"},
+        {"*a..b.com", "an empty label after the wildcard"},
+        {"**example.com", "two wildcards"},
+        {std::string(64, 'a') + ".com", "a label of 64 characters"},
+        {"*" + std::string(64, 'a') + ".com", "a label of 64 characters after the wildcard"},
+        {longest + "c", "254 characters"},
+        {"b\u00fccher." + std::string(64, 'a') + ".de", "a long label beside a converted one"},
+    };
+    for (const auto& [host, what] : refused) {
+        EXPECT_EQ(domainForHost(host), std::nullopt) << what;
+    }
+    // The check those hosts would have passed, which stays as it is.
+    EXPECT_TRUE(EditorValidator::isValidDomain("exa mple.com"));
+    EXPECT_TRUE(EditorValidator::isValidDomain("a..b.com"));
+}
+
 }  // namespace
 }  // namespace tamsel::model

@@ -104,6 +104,39 @@ TEST_F(FilesTest, ShortWriteFromAFullDiskLeavesTheOldFileWhole) {
     expectOldFileAlone();
 }
 
+TEST_F(FilesTest, OnlyARegularFileIsReplaced) {
+    writeOld();
+    const auto folder = target.parent_path();
+    const auto fifo = folder / "fifo";
+    const auto link = folder / "link";
+    const auto dangling = folder / "dangling";
+    const auto subfolder = folder / "folder";
+    ASSERT_EQ(::mkfifo(fifo.c_str(), 0644), 0);
+    std::filesystem::create_symlink(target, link);
+    std::filesystem::create_symlink(folder / "nowhere", dangling);
+    std::filesystem::create_directory(subfolder);
+
+    for (const auto& path : {fifo, link, dangling, subfolder}) {
+        EXPECT_EQ(checkReplaceable(path).error(), FileError::notRegularFile) << path;
+        const auto written = writeFileAtomically(path, "new content");
+        ASSERT_FALSE(written) << path;
+        EXPECT_EQ(written.error(), FileError::notRegularFile) << path;
+        EXPECT_EQ(written.error().message(), "not a regular file");
+    }
+    EXPECT_TRUE(std::filesystem::is_fifo(std::filesystem::symlink_status(fifo)));
+    EXPECT_TRUE(std::filesystem::is_symlink(link));
+    EXPECT_TRUE(std::filesystem::is_symlink(dangling));
+    EXPECT_FALSE(std::filesystem::exists(folder / "nowhere")) << "nothing was made where the link points";
+    EXPECT_TRUE(std::filesystem::is_empty(subfolder));
+    EXPECT_EQ(*readFile(target), "old content") << "nor was the file behind the link written";
+    EXPECT_EQ(namesIn(folder), (std::vector<std::string>{"block-ads.json", "dangling", "fifo", "folder", "link"}))
+        << "no temporary file is left";
+
+    EXPECT_TRUE(checkReplaceable(target));
+    EXPECT_TRUE(checkReplaceable(folder / "absent"));
+    EXPECT_EQ(checkReplaceable(target / "below").error(), std::errc::not_a_directory);
+}
+
 TEST_F(FilesTest, ReadersNeverSeeAHalfWrittenFile) {
     const std::string first(256 * 1024, 'a');
     const std::string second(128 * 1024, 'b');

@@ -114,6 +114,36 @@ TEST_F(UserDefaultsTest, UnreadableStoredValueReadsAsMissing) {
     EXPECT_TRUE(log.contains("unreadable value stored for key \"bad\""));
 }
 
+TEST_F(UserDefaultsTest, ValuesNestedBeyondTheLimitAreNeitherWrittenNorRead) {
+    auto defaults = open();
+    Value deepest = Array{};
+    for (int level = 1; level < Value::maximumDepth; ++level) deepest = Array{deepest};
+    defaults->set(deepest, "deepest");
+    EXPECT_EQ(defaults->value("deepest"), deepest);
+
+    LogCapture log;
+    defaults->set(Array{deepest}, "deeper");
+    EXPECT_EQ(defaults->storedValue("deeper"), std::nullopt) << "nothing was stored";
+    EXPECT_TRUE(log.contains("Could not write key \"deeper\" of suite \"suite\": the value is nested deeper than 256"));
+
+    // Another program's bytes: a hundred thousand arrays, one in the other.
+    std::string bytes;
+    for (int level = 0; level < 100'000; ++level) bytes += std::string("a\1\0\0\0\0\0\0\0", 9);
+    bytes += "b\1";
+    {
+        SQLite::Database raw((directory / "suite.sqlite").string(), SQLite::OPEN_READWRITE);
+        SQLite::Statement insert(raw, "INSERT INTO entries(key, value, version) VALUES('foreign', ?, 1000)");
+        insert.bind(1, bytes.data(), static_cast<int>(bytes.size()));
+        insert.exec();
+    }
+    EXPECT_EQ(defaults->value("foreign"), std::nullopt);
+    const auto stored = defaults->storedValue("foreign");
+    ASSERT_FALSE(stored);
+    EXPECT_EQ(stored.error(), "nested deeper than 256 levels");
+    EXPECT_EQ(defaults->dictionaryRepresentation().size(), 1u);
+    EXPECT_TRUE(log.contains("unreadable value stored for key \"foreign\": nested deeper than 256 levels"));
+}
+
 TEST_F(UserDefaultsTest, InMemorySuiteWorksAndObserves) {
     auto defaults = UserDefaults::inMemory("memory");
     Recorder<std::optional<Value>> seen;

@@ -1,3 +1,4 @@
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -172,11 +173,68 @@ TEST(ValueCoding, RejectsTruncatedAndForgedInput) {
     std::string forged = "a";
     forged += std::string("\xff\xff\xff\xff\xff\xff\xff\x7f", 8);
     EXPECT_FALSE(decodeValue(forged));
-    // Nesting deeper than any store holds is refused rather than recursed.
-    std::string deep;
-    for (int i = 0; i < 10000; ++i) deep += std::string("a\1\0\0\0\0\0\0\0", 9);
-    deep += "b\1";
-    EXPECT_FALSE(decodeValue(deep));
+}
+
+// --- nesting -------------------------------------------------------------------
+
+constexpr std::size_t limit = Value::maximumDepth;
+
+std::string nestedArrays(std::size_t depth) { return std::string(depth, '[') + std::string(depth, ']'); }
+
+std::string nestedObjects(std::size_t depth) {
+    std::string text;
+    for (std::size_t i = 0; i < depth; ++i) text += R"({"k":)";
+    return text + "true" + std::string(depth, '}');
+}
+
+Value nestedValue(std::size_t depth) {
+    Value value = Array{};
+    for (std::size_t i = 1; i < depth; ++i) {
+        value = i % 2 == 0 ? Value(Array{value}) : Value(Dictionary{{"k", value}});
+    }
+    return value;
+}
+
+// The stores' bytes for `depth` arrays, one inside the other.
+std::string nestedBytes(std::size_t depth) {
+    std::string bytes;
+    for (std::size_t i = 0; i < depth; ++i) bytes += std::string("a\1\0\0\0\0\0\0\0", 9);
+    return bytes + "b\1";
+}
+
+TEST(ValueDepth, JSONUpToTheLimitReadsAndDeeperIsAnError) {
+    for (const auto& text : {nestedArrays(limit), nestedObjects(limit), "[1,{\"a\":" + nestedArrays(limit - 2) + "}]"}) {
+        const auto value = Value::fromJSON(text);
+        ASSERT_TRUE(value) << value.error();
+        EXPECT_FALSE(value->exceedsMaximumDepth());
+    }
+    // One level more, or a hundred thousand, is an error that says so, never
+    // a crash.
+    const std::string hidden = "[1,{\"a\":" + nestedArrays(limit - 1) + "}]";
+    for (const auto& text : {nestedArrays(limit + 1), nestedArrays(100'000), nestedObjects(100'000), hidden}) {
+        const auto value = Value::fromJSON(text);
+        ASSERT_FALSE(value);
+        EXPECT_THAT(value.error(), ::testing::HasSubstr("nested deeper than 256 levels")) << value.error();
+    }
+    EXPECT_FALSE(Value::fromJSON(std::string(100'000, '['))) << "unbalanced";
+}
+
+TEST(ValueDepth, StoresCodingKeepsTheLimit) {
+    const Value deepest = nestedValue(limit);
+    EXPECT_FALSE(deepest.exceedsMaximumDepth());
+    EXPECT_TRUE(nestedValue(limit + 1).exceedsMaximumDepth());
+    EXPECT_FALSE(Value(1).exceedsMaximumDepth());
+    const auto decoded = decodeValue(encodeValue(deepest));
+    ASSERT_TRUE(decoded) << decoded.error();
+    EXPECT_EQ(*decoded, deepest);
+
+    ASSERT_TRUE(decodeValue(nestedBytes(limit)));
+    for (const std::size_t depth : {limit + 1, std::size_t{100'000}}) {
+        const auto refused = decodeValue(nestedBytes(depth));
+        ASSERT_FALSE(refused);
+        EXPECT_EQ(refused.error(), "nested deeper than 256 levels");
+    }
+    EXPECT_EQ(decodeValue("b\2").error(), "malformed bytes");
 }
 
 }  // namespace
