@@ -238,23 +238,13 @@ int runImport(const std::string& file, const GlobalOptions& global) {
     // Merged into the custom packages as they are on disk, and saved before
     // any other program changes them.
     std::optional<DataManager::Editing> editing(std::in_place, manager);
-    const auto configurable = manager.configurablePackages();
-    bool refused = false;
     bool whitelistChanged = false;
     std::size_t imported = 0;
     for (const Package& package : (*decoded)->packages) {
-        const bool isConfigurable = std::any_of(configurable.begin(), configurable.end(),
-                                                [&](const Package& held) { return held.id == package.id; });
         const auto custom = manager.customPackages();
         const bool existed = std::any_of(custom.begin(), custom.end(),
                                          [&](const Package& held) { return held.id == package.id; });
-        // The data manager itself refuses (and says so) a configurable identifier.
         manager.addOrReplaceCustomPackage(package);
-        if (isConfigurable) {
-            refused = true;
-            reportFailure("not imported: " + package.id + " is the identifier of a configurable package");
-            continue;
-        }
         // A package of the same identifier keeps its rules; the shared rules
         // join them, replacing those with the same identifier.
         if (existed) {
@@ -263,7 +253,7 @@ int runImport(const std::string& file, const GlobalOptions& global) {
         whitelistChanged = whitelistChanged || std::any_of(package.rules.begin(), package.rules.end(), isWhitelistRule);
         ++imported;
     }
-    if (imported == 0) return refused ? exitFailure : reportFailure(file + ": holds no packages");
+    if (imported == 0) return reportFailure(file + ": holds no packages");
 
     RebuildRecording rebuilds;
     std::optional<std::optional<DataManager::SaveError>> outcome;
@@ -281,7 +271,7 @@ int runImport(const std::string& file, const GlobalOptions& global) {
     printLine(fmt::format("imported {} package{} into {}", imported, imported == 1 ? "" : "s",
                           model::fileName(model::JSONFileName::blockCustom)));
     printLine(fmt::format("rebuild: {}", fmt::join(rebuilds.rebuilt(), " ")));
-    return refused ? exitFailure : exitSuccess;
+    return exitSuccess;
 }
 
 // --- registration ---------------------------------------------------------------------------
