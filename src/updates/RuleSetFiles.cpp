@@ -7,6 +7,7 @@
 #include "model/JSONCoding.h"
 #include "model/JSONFileName.h"
 #include "platform/Log.h"
+#include "storage/PathProvider.h"
 
 namespace tamsel::updates {
 namespace {
@@ -49,7 +50,19 @@ EntryHandling RuleSetFiles::handling(std::string_view name) {
                 logger().info("Skipping %s from the archive: the user's own packages never come from the server",
                               text.c_str());
                 return EntryHandling::skip;
-            case JSONFileName::blockConfigurable: return EntryHandling::installIfAbsent;
+            case JSONFileName::blockConfigurable: {
+                // A file of the earlier layout is moved into the filters
+                // folder on its first read, but only while the folder has
+                // none: a seeded file would hide the user's for ever.
+                std::error_code ignored;
+                const auto old = storage::PathProvider::sharedContainerURL() / text;
+                if (std::filesystem::exists(old, ignored)) {
+                    logger().info("Kept the user's %s at the old location; the archive's copy was not installed",
+                                  text.c_str());
+                    return EntryHandling::skip;
+                }
+                return EntryHandling::installIfAbsent;
+            }
             default: return EntryHandling::replace;
         }
     }

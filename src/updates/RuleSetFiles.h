@@ -19,7 +19,9 @@
 //    stays as it is, whole. The server's packages are not merged into it,
 //    not even those the user's file lacks: merging would rewrite the user's
 //    file behind the back of the data manager and of sync, which own it, and
-//    a package the file lacks is read as its empty default all the same;
+//    a package the file lacks is read as its empty default all the same.
+//    A user's file still at the old location (the top of the shared
+//    container, moved in on its first read) counts as the user's too;
 //  * "hosts.txt", the firewall host list: replaces the installed one.
 //
 // Everything else is skipped with a log line and never installed:

@@ -97,8 +97,17 @@ TEST_F(RuleSetTest, TheUsersConfigurablePackagesStayAndOnlySeedAnEmptyFolder) {
     EXPECT_EQ(result.error().code, ErrorCode::noRuleFiles);
     EXPECT_EQ(installedFiles(), before);
 
+    // A file of the earlier layout, not yet moved in, is the user's too.
+    fs::rename(filters() / "block-configurable.json",
+               storage::PathProvider::sharedContainerURL() / "block-configurable.json");
+    result = RuleArchive::unzipDownloadedArchive(
+        archive({{"block-ads.json", ads, false}, {"block-configurable.json", serverConfigurable, false}}));
+    ASSERT_TRUE(result.has_value()) << result.error().description;
+    EXPECT_FALSE(installedFiles().contains("block-configurable.json"));
+    EXPECT_TRUE(log_.contains("Kept the user's block-configurable.json at the old location"));
+
     // A folder without one receives the server's.
-    fs::remove(filters() / "block-configurable.json");
+    fs::remove(storage::PathProvider::sharedContainerURL() / "block-configurable.json");
     result = RuleArchive::unzipDownloadedArchive(archive({{"block-configurable.json", serverConfigurable, false}}));
     ASSERT_TRUE(result.has_value()) << result.error().description;
     EXPECT_EQ(installedFiles().at("block-configurable.json"), serverConfigurable);
@@ -157,6 +166,7 @@ INSTANTIATE_TEST_SUITE_P(
 
 TEST(RuleSetFilesTest, HandlingByName) {
     using enum EntryHandling;
+    ScopedDataRoot root;
     LogCapture log;
     for (const char* name : {"block-ads.json", "block-adult.json", "block-annoyances.json", "block-social.json",
                              "block-comments.json", "block-trackers.json", "block-international.json", "hosts.txt"}) {
