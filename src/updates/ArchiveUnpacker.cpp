@@ -7,8 +7,8 @@
 
 #include <algorithm>
 #include <array>
-#include <cstdio>
 #include <cerrno>
+#include <cstdio>
 #include <memory>
 #include <optional>
 #include <system_error>
