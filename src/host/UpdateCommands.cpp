@@ -200,9 +200,16 @@ int runUpdate(const std::optional<std::string>& server, bool noReload, const Glo
         case UpdateResult::Kind::success:
         case UpdateResult::Kind::noNewUpdates: return exitSuccess;
         case UpdateResult::Kind::currentlyUpdating: return reportFailure("update: another check is running");
-        case UpdateResult::Kind::error:
-            return reportFailure(fmt::format("update failed ({}): {}", model::rawValue(result->error->code),
-                                             result->error->description));
+        case UpdateResult::Kind::error: {
+            // One line whatever the description carries (a server's text, a
+            // decoder's reason).
+            std::string description = result->error->description;
+            std::replace_if(
+                description.begin(), description.end(),
+                [](char c) { return static_cast<unsigned char>(c) < 0x20 || c == 0x7f; }, ' ');
+            return reportFailure(
+                fmt::format("update failed ({}): {}", model::rawValue(result->error->code), description));
+        }
     }
     return exitFailure;
 }
@@ -229,7 +236,7 @@ void addUpdateCommands(CommandLine& commandLine) {
     filterServer->add_option("--fault", serverOptions->faults,
                              "Make an endpoint misbehave: metadata=FAULT or archive=FAULT, FAULT one of "
                              "not-found, server-error, reset, no-answer, not-plist, truncated, wrong-password, "
-                             "zip-slip, symlink, oversized, no-last-modified");
+                             "zip-slip, symlink, oversized, no-last-modified, endless, trickle, zip-bomb");
     commandLine.setAction(filterServer, [serverOptions] { return runFilterServer(*serverOptions); });
 
     struct UpdateOptions {

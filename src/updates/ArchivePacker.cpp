@@ -3,7 +3,9 @@
 #include <sys/stat.h>
 #include <zip.h>
 
+#include <algorithm>
 #include <cstring>
+#include <string_view>
 
 namespace tamsel::updates {
 namespace {
@@ -34,6 +36,64 @@ std::expected<std::string, std::string> readWholeSource(zip_source_t* source) {
     }
     zip_source_close(source);
     return bytes;
+}
+
+// An entry's bytes followed by `padding` spaces, produced as libzip reads.
+struct PaddedSource {
+    std::string_view bytes;
+    std::uint64_t padding = 0;
+    std::uint64_t offset = 0;
+    zip_error_t error;
+};
+
+zip_int64_t readPadded(void* state, void* data, zip_uint64_t length, zip_source_cmd_t command) {
+    auto* source = static_cast<PaddedSource*>(state);
+    const std::uint64_t total = source->bytes.size() + source->padding;
+    switch (command) {
+        case ZIP_SOURCE_OPEN: source->offset = 0; return 0;
+        case ZIP_SOURCE_READ: {
+            auto* out = static_cast<char*>(data);
+            const std::uint64_t count = std::min<std::uint64_t>(length, total - source->offset);
+            for (std::uint64_t i = 0; i < count; ++i) {
+                const std::uint64_t at = source->offset + i;
+                out[i] = at < source->bytes.size() ? source->bytes[at] : ' ';
+            }
+            source->offset += count;
+            return static_cast<zip_int64_t>(count);
+        }
+        case ZIP_SOURCE_CLOSE: return 0;
+        case ZIP_SOURCE_STAT: {
+            auto* stat = static_cast<zip_stat_t*>(data);
+            zip_stat_init(stat);
+            stat->size = total;
+            // Traditional encryption checks the password against the time
+            // when, as here, the checksum is not known before the data.
+            stat->mtime = 0;
+            stat->valid |= ZIP_STAT_SIZE | ZIP_STAT_MTIME;
+            return sizeof(zip_stat_t);
+        }
+        case ZIP_SOURCE_ERROR: return zip_error_to_data(&source->error, data, length);
+        case ZIP_SOURCE_FREE:
+            zip_error_fini(&source->error);
+            delete source;
+            return 0;
+        case ZIP_SOURCE_SUPPORTS:
+            return zip_source_make_command_bitmap(ZIP_SOURCE_OPEN, ZIP_SOURCE_READ, ZIP_SOURCE_CLOSE, ZIP_SOURCE_STAT,
+                                                  ZIP_SOURCE_ERROR, ZIP_SOURCE_FREE, -1);
+        default: zip_error_set(&source->error, ZIP_ER_OPNOTSUPP, 0); return -1;
+    }
+}
+
+zip_source_t* entrySource(zip_t* archive, const ArchiveEntry& entry) {
+    if (entry.padding == 0) return zip_source_buffer(archive, entry.bytes.data(), entry.bytes.size(), 0);
+    auto* state = new PaddedSource{entry.bytes, entry.padding, 0, {}};
+    zip_error_init(&state->error);
+    zip_source_t* source = zip_source_function(archive, readPadded, state);
+    if (!source) {
+        zip_error_fini(&state->error);
+        delete state;
+    }
+    return source;
 }
 
 std::uint32_t readLE32(const std::string& bytes, size_t offset) {
@@ -81,7 +141,7 @@ std::expected<std::string, std::string> packArchive(const std::vector<ArchiveEnt
     };
 
     for (const ArchiveEntry& entry : entries) {
-        zip_source_t* data = zip_source_buffer(archive, entry.bytes.data(), entry.bytes.size(), 0);
+        zip_source_t* data = entrySource(archive, entry);
         if (!data) return fail(zip_strerror(archive));
         const zip_int64_t index = zip_file_add(archive, entry.name.c_str(), data, ZIP_FL_OVERWRITE | ZIP_FL_ENC_UTF_8);
         if (index < 0) {

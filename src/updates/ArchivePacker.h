@@ -19,6 +19,9 @@ struct ArchiveEntry {
     std::string bytes;
     // Recorded as a Unix symbolic link whose target is `bytes`.
     bool isSymbolicLink = false;
+    // That many spaces after `bytes`, made while packing: an entry of any
+    // size for a few kilobytes of archive and no memory (a zip bomb).
+    std::uint64_t padding = 0;
 };
 
 struct PackOptions {

@@ -5,12 +5,16 @@
 #include <unistd.h>
 #include <zip.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
+#include <cstdio>
 #include <memory>
 #include <optional>
 #include <system_error>
 #include <utility>
+
+#include "updates/FolderLocks.h"
 
 namespace tamsel::updates {
 namespace {
@@ -34,38 +38,29 @@ Error unzipError(std::string description) { return Error::make(ErrorCode::unzip,
 
 std::string errnoText(int error) { return std::generic_category().message(error); }
 
-// Removes the staging folder with whatever it holds when the unpack ends.
-class StagingFolder {
-public:
-    static std::expected<StagingFolder, Error> create(const std::filesystem::path& folder) {
-        std::error_code failure;
-        std::filesystem::create_directories(folder.parent_path(), failure);
-        if (failure) return std::unexpected(Error::make(ErrorCode::fileSystem, failure.message()));
-        std::string pattern = (folder.parent_path() / ("." + folder.filename().string() + ".unpacking-XXXXXX")).string();
-        if (::mkdtemp(pattern.data()) == nullptr) {
-            return std::unexpected(Error::make(ErrorCode::fileSystem, errnoText(errno)));
-        }
-        return StagingFolder(pattern);
+std::string byteCount(std::uint64_t bytes) {
+    if (bytes >= (std::uint64_t{1} << 20) && bytes % (std::uint64_t{1} << 20) == 0) {
+        return std::to_string(bytes >> 20) + " MiB";
     }
-    StagingFolder(StagingFolder&& other) noexcept : path_(std::exchange(other.path_, {})) {}
-    StagingFolder& operator=(StagingFolder&&) = delete;
-    ~StagingFolder() {
-        if (path_.empty()) return;
-        std::error_code ignored;
-        std::filesystem::remove_all(path_, ignored);
-    }
-    const std::filesystem::path& path() const { return path_; }
+    return std::to_string(bytes) + " bytes";
+}
 
-private:
-    explicit StagingFolder(std::filesystem::path path) : path_(std::move(path)) {}
-    std::filesystem::path path_;
-};
+Error tooLargeInAll(const UnpackOptions& options) {
+    return Error::make(ErrorCode::archiveTooLarge,
+                       "The archive unpacks to more than " + byteCount(options.maximumTotalSize) + " in all");
+}
+
+Error tooLargeFile(std::string_view name, const UnpackOptions& options) {
+    return Error::make(ErrorCode::archiveTooLarge, "The archive's " + std::string(name) + " unpacks to more than " +
+                                                       byteCount(options.maximumFileSize));
+}
 
 struct Entry {
     zip_uint64_t index = 0;
     std::string name;
     bool isDirectory = false;
     zip_uint64_t declaredSize = 0;
+    EntryHandling handling = EntryHandling::replace;
 };
 
 // Refuses links and device files; only the Unix attributes say what an entry is.
@@ -81,11 +76,12 @@ std::optional<Error> checkEntryKind(zip_t* archive, const Entry& entry) {
                        "The entry \"" + entry.name + "\" is " + (kind == S_IFLNK ? "a link" : "not a regular file"));
 }
 
+// The entries to unpack, after every entry of the archive passed the safety
+// checks; skipped entries are left out and count towards no limit.
 std::expected<std::vector<Entry>, Error> listEntries(zip_t* archive, const UnpackOptions& options) {
     const zip_int64_t count = zip_get_num_entries(archive, 0);
     if (count <= 0) return std::unexpected(unzipError("The archive holds no files"));
-    std::vector<Entry> entries;
-    zip_uint64_t declaredTotal = 0;
+    std::vector<Entry> all;
     for (zip_uint64_t index = 0; index < static_cast<zip_uint64_t>(count); ++index) {
         zip_stat_t stat;
         zip_stat_init(&stat);
@@ -99,13 +95,25 @@ std::expected<std::vector<Entry>, Error> listEntries(zip_t* archive, const Unpac
         }
         entry.isDirectory = entry.name.back() == '/';
         if (auto refused = checkEntryKind(archive, entry)) return std::unexpected(std::move(*refused));
+        all.push_back(std::move(entry));
+    }
+
+    std::vector<Entry> entries;
+    zip_uint64_t declaredTotal = 0;
+    bool anyFile = false;
+    for (Entry& entry : all) {
+        anyFile = anyFile || !entry.isDirectory;
+        if (options.handling) entry.handling = options.handling(entry.name);
+        if (entry.handling == EntryHandling::skip) continue;
+        if (entry.declaredSize > options.maximumFileSize) return std::unexpected(tooLargeFile(entry.name, options));
         declaredTotal += entry.declaredSize;
-        if (entry.declaredSize > options.maximumTotalSize || declaredTotal > options.maximumTotalSize) {
-            return std::unexpected(Error::make(ErrorCode::archiveTooLarge,
-                                               "The archive unpacks to more than " +
-                                                   std::to_string(options.maximumTotalSize) + " bytes"));
-        }
+        if (declaredTotal > options.maximumTotalSize) return std::unexpected(tooLargeInAll(options));
         entries.push_back(std::move(entry));
+    }
+    if (!anyFile) return std::unexpected(unzipError("The archive holds no files"));
+    if (std::none_of(entries.begin(), entries.end(), [](const Entry& entry) { return !entry.isDirectory; })) {
+        return std::unexpected(
+            Error::make(ErrorCode::noRuleFiles, "The archive holds no file to install (every entry was skipped)"));
     }
     return entries;
 }
@@ -162,10 +170,8 @@ std::optional<Error> extractEntry(zip_t* archive, const Entry& entry, const std:
         if (read == 0) break;
         produced += static_cast<zip_uint64_t>(read);
         producedTotal += static_cast<zip_uint64_t>(read);
-        if (producedTotal > options.maximumTotalSize) {
-            return Error::make(ErrorCode::archiveTooLarge, "The archive unpacks to more than " +
-                                                               std::to_string(options.maximumTotalSize) + " bytes");
-        }
+        if (producedTotal > options.maximumTotalSize) return tooLargeInAll(options);
+        if (produced > options.maximumFileSize) return tooLargeFile(entry.name, options);
         if (produced > entry.declaredSize) {
             return unzipError(entry.name + ": the entry is larger than its declared size");
         }
@@ -188,10 +194,13 @@ public:
     MoveIntoPlace(const std::filesystem::path& staging, std::filesystem::path folder)
         : staged_(staging / "unpacked"), kept_(staging / "replaced"), folder_(std::move(folder)) {}
 
-    std::optional<Error> file(const std::filesystem::path& relative) {
+    // Moves one file over whatever has its name. Returns whether it moved.
+    std::expected<bool, Error> file(const std::filesystem::path& relative, EntryHandling handling) {
         const std::filesystem::path target = folder_ / relative;
         std::error_code failure;
         std::filesystem::create_directories(target.parent_path(), failure);
+        if (failure) return std::unexpected(Error::make(ErrorCode::fileSystem, target.string() + ": " + failure.message()));
+        if (handling == EntryHandling::installIfAbsent) return fillGap(relative);
         Moved moved{target, std::nullopt};
         std::filesystem::file_status status;
         if (!failure) {
@@ -209,9 +218,9 @@ public:
             if (!failure) moved.kept = kept;
         }
         if (!failure) std::filesystem::rename(staged_ / relative, target, failure);
-        if (failure) return Error::make(ErrorCode::fileSystem, target.string() + ": " + failure.message());
+        if (failure) return std::unexpected(Error::make(ErrorCode::fileSystem, target.string() + ": " + failure.message()));
         moves_.push_back(std::move(moved));
-        return std::nullopt;
+        return true;
     }
 
     // Best effort: a file that cannot be put back is left as it is.
@@ -228,6 +237,24 @@ public:
     }
 
 private:
+    // Moves the file only where none of its name exists, in one step, so that
+    // a file another program writes meanwhile is never replaced.
+    std::expected<bool, Error> fillGap(const std::filesystem::path& relative) {
+        const std::filesystem::path from = staged_ / relative, target = folder_ / relative;
+        int result = ::renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, target.c_str(), RENAME_NOREPLACE);
+        if (result != 0 && (errno == EINVAL || errno == ENOSYS)) {
+            // A file system without the flag: a hard link fails alike when the
+            // name exists.
+            result = ::link(from.c_str(), target.c_str());
+        }
+        if (result != 0) {
+            if (errno == EEXIST) return false;
+            return std::unexpected(Error::make(ErrorCode::fileSystem, target.string() + ": " + errnoText(errno)));
+        }
+        moves_.push_back(Moved{target, std::nullopt});
+        return true;
+    }
+
     struct Moved {
         std::filesystem::path target;
         std::optional<std::filesystem::path> kept;  // the file it replaced
@@ -258,9 +285,19 @@ bool isSafeEntryName(std::string_view name) {
     }
 }
 
+std::string stagingFolderPrefix(const std::filesystem::path& folder) {
+    return "." + folder.filename().string() + ".unpacking-";
+}
+
 std::expected<std::vector<std::filesystem::path>, Error> unpackArchive(const std::filesystem::path& archivePath,
                                                                       const std::filesystem::path& folder,
                                                                       const UnpackOptions& options) {
+    const std::filesystem::path parent = folder.parent_path();
+    const std::string prefix = stagingFolderPrefix(folder);
+    // Unpacks that were killed left their staging folders, up to a rule set
+    // in size each; no live process holds them.
+    removeAbandonedFolders(parent, prefix);
+
     int openError = 0;
     std::unique_ptr<zip_t, ZipCloser> archive(zip_open(archivePath.c_str(), ZIP_RDONLY | ZIP_CHECKCONS, &openError));
     if (!archive) return std::unexpected(unzipError(zipErrorText(openError)));
@@ -271,38 +308,65 @@ std::expected<std::vector<std::filesystem::path>, Error> unpackArchive(const std
     auto entries = listEntries(archive.get(), options);
     if (!entries) return std::unexpected(std::move(entries.error()));
 
-    auto staging = StagingFolder::create(folder);
-    if (!staging) return std::unexpected(std::move(staging.error()));
+    std::error_code failure;
+    std::filesystem::create_directories(parent, failure);
+    if (failure) return std::unexpected(Error::make(ErrorCode::fileSystem, failure.message()));
+    auto staging = LockedFolder::create(parent, prefix);
+    if (!staging) return std::unexpected(Error::make(ErrorCode::fileSystem, staging.error().message()));
 
+    struct Staged {
+        std::filesystem::path relative;
+        std::string name;
+        EntryHandling handling;
+    };
     const std::filesystem::path unpacked = staging->path() / "unpacked";
-    std::vector<std::filesystem::path> relativeFiles;
+    std::vector<Staged> files;
     zip_uint64_t producedTotal = 0;
     for (const Entry& entry : *entries) {
         const std::filesystem::path relative(entry.name);
         const std::filesystem::path target = unpacked / relative;
-        std::error_code failure;
         std::filesystem::create_directories(entry.isDirectory ? target : target.parent_path(), failure);
         if (failure) return std::unexpected(Error::make(ErrorCode::fileSystem, failure.message()));
         if (entry.isDirectory) continue;
         if (auto error = extractEntry(archive.get(), entry, target, producedTotal, options)) {
             return std::unexpected(std::move(*error));
         }
-        relativeFiles.push_back(relative);
+        files.push_back({relative, entry.name, entry.handling});
     }
-    if (relativeFiles.empty()) return std::unexpected(unzipError("The archive holds no files"));
 
-    if (options.prepareFile) {
-        for (const auto& relative : relativeFiles) options.prepareFile(unpacked / relative);
-    }
-    MoveIntoPlace move(staging->path(), folder);
-    for (const auto& relative : relativeFiles) {
-        if (auto failure = move.file(relative)) {
-            move.rollBack();
-            return std::unexpected(std::move(*failure));
+    if (options.checkFile) {
+        for (const auto& file : files) {
+            if (auto refused = options.checkFile(file.name, unpacked / file.relative)) {
+                return std::unexpected(std::move(*refused));
+            }
         }
     }
+    if (options.prepareFile) {
+        for (const auto& file : files) options.prepareFile(unpacked / file.relative);
+    }
+    MoveIntoPlace move(staging->path(), folder);
     std::vector<std::filesystem::path> installed;
-    for (const auto& relative : relativeFiles) installed.push_back(folder / relative);
+    std::vector<std::string> kept;
+    for (const auto& file : files) {
+        auto moved = move.file(file.relative, file.handling);
+        if (!moved) {
+            move.rollBack();
+            return std::unexpected(std::move(moved.error()));
+        }
+        if (*moved) {
+            installed.push_back(folder / file.relative);
+        } else {
+            kept.push_back(file.name);
+            if (options.kept) options.kept(file.name);
+        }
+    }
+    if (installed.empty()) {
+        std::string names;
+        for (const auto& name : kept) names += (names.empty() ? "" : ", ") + name;
+        return std::unexpected(Error::make(ErrorCode::noRuleFiles,
+                                           "The archive holds no file to install (the folder keeps its own " + names +
+                                               ")"));
+    }
     return installed;
 }
 

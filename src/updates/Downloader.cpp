@@ -25,6 +25,7 @@ const platform::SystemLogger& logger() {
 }
 
 std::atomic<std::chrono::milliseconds::rep> timeoutMilliseconds{60'000};
+std::atomic<std::chrono::milliseconds::rep> totalTimeoutMilliseconds{15 * 60'000};
 
 // The download the background-assets path has in flight.
 struct InFlight {
@@ -32,6 +33,7 @@ struct InFlight {
     std::optional<std::filesystem::path> destination;
     Downloader::ProgressHandler progress;
     Downloader::CompletionHandler completion;
+    std::uint64_t maximumSize = Downloader::defaultMaximumSize;
 };
 
 std::mutex& inFlightMutex() {
@@ -124,7 +126,8 @@ private:
 // before this returns, so that whoever the result reaches finds no trace of
 // a failed download.
 Downloader::DownloadResult fetchIntoPlace(const std::string& url, const std::filesystem::path& destination,
-                                          const Downloader::ProgressHandler& progressHandler) {
+                                          const Downloader::ProgressHandler& progressHandler,
+                                          std::uint64_t maximumSize) {
     using DownloadResult = Downloader::DownloadResult;
     TemporaryFile file(destination);
     if (!file.isOpen()) {
@@ -134,6 +137,8 @@ Downloader::DownloadResult fetchIntoPlace(const std::string& url, const std::fil
     }
 
     HTTPRequest request{url, HTTPRequest::Method::get, Downloader::requestTimeout(), progressHandler};
+    request.maximumBodySize = maximumSize;
+    request.totalTimeout = Downloader::totalTimeout();
     auto response = HTTPClient::perform(request, [&file](std::string_view chunk) { return file.write(chunk); });
     if (!response) {
         Error error = std::move(response.error());
@@ -201,30 +206,33 @@ void downloadUsingBackgroundAssets(const std::shared_ptr<BackgroundDownloadManag
 
 void Downloader::download(const std::string& url, const std::filesystem::path& destination,
                           const std::string& identifier, ProgressHandler progressHandler,
-                          CompletionHandler completionHandler) {
+                          CompletionHandler completionHandler, std::uint64_t maximumSize) {
     auto manager = BackgroundDownloadManager::shared();
     if (!settings::App::isMacMainApp() || !manager) {
         if (!settings::App::isMacMainApp()) {
             logger().info("Not allowed to use the Background Extension API, so will use the old loading function.");
         }
         clearInFlight();
-        downloadUsingURLSession(url, destination, std::move(progressHandler), std::move(completionHandler));
+        downloadUsingURLSession(url, destination, std::move(progressHandler), std::move(completionHandler),
+                                maximumSize);
         return;
     }
     {
         std::lock_guard lock(inFlightMutex());
-        inFlight() = InFlight{identifier, destination, std::move(progressHandler), std::move(completionHandler)};
+        inFlight() =
+            InFlight{identifier, destination, std::move(progressHandler), std::move(completionHandler), maximumSize};
     }
     downloadUsingBackgroundAssets(manager, url);
 }
 
 void Downloader::downloadUsingURLSession(const std::string& url, const std::filesystem::path& destination,
-                                         ProgressHandler progressHandler, CompletionHandler completionHandler) {
+                                         ProgressHandler progressHandler, CompletionHandler completionHandler,
+                                         std::uint64_t maximumSize) {
     logger().info("Downloading file using URLSession from %s", url.c_str());
     platform::DispatchQueue::global(platform::QualityOfService::utility)
-        .async([url, destination, progress = std::move(progressHandler),
+        .async([url, destination, maximumSize, progress = std::move(progressHandler),
                 completion = std::move(completionHandler)] {
-            complete(completion, fetchIntoPlace(url, destination, progress));
+            complete(completion, fetchIntoPlace(url, destination, progress, maximumSize));
         });
 }
 
@@ -233,6 +241,14 @@ std::chrono::milliseconds Downloader::requestTimeout() {
 }
 
 void Downloader::setRequestTimeout(std::chrono::milliseconds timeout) { timeoutMilliseconds.store(timeout.count()); }
+
+std::chrono::milliseconds Downloader::totalTimeout() {
+    return std::chrono::milliseconds(totalTimeoutMilliseconds.load());
+}
+
+void Downloader::setTotalTimeout(std::chrono::milliseconds timeout) {
+    totalTimeoutMilliseconds.store(timeout.count());
+}
 
 bool Downloader::hasDownloadInFlight() {
     std::lock_guard lock(inFlightMutex());
@@ -268,6 +284,7 @@ void Downloader::DownloadManagerDelegate::didWriteBytes(const std::string&, std:
 
 void Downloader::DownloadManagerDelegate::didFinish(const std::string& identifier, const std::filesystem::path& file) {
     std::optional<std::filesystem::path> destination;
+    std::uint64_t maximumSize = defaultMaximumSize;
     {
         std::lock_guard lock(inFlightMutex());
         if (identifier != inFlight().identifier) {
@@ -275,12 +292,22 @@ void Downloader::DownloadManagerDelegate::didFinish(const std::string& identifie
             return;
         }
         destination = inFlight().destination;
+        maximumSize = inFlight().maximumSize;
     }
     if (!destination) {
         logger().error("localUrl is nil");
         return;
     }
     std::error_code failure;
+    if (const auto size = std::filesystem::file_size(file, failure); !failure && size > maximumSize) {
+        const std::string reason =
+            "The download is larger than the " + std::to_string(maximumSize) + " bytes allowed for it";
+        logger().error("Download failed: %s", reason.c_str());
+        std::filesystem::remove(file, failure);
+        complete(takeCompletion(), DownloadResult::failure(Error::make(ErrorCode::downloadTooLarge, reason)));
+        return;
+    }
+    failure.clear();
     std::filesystem::create_directories(destination->parent_path(), failure);
     if (!failure) std::filesystem::rename(file, *destination, failure);
     if (failure) {

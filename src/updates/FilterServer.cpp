@@ -75,6 +75,17 @@ std::expected<std::string, std::string> archiveBytes(FilterServer::Fault fault, 
             return packArchive(files, pack);
         case Fault::zipSlipArchive: return withExtra({"../escaped.json", "[]", false});
         case Fault::symbolicLinkArchive: return withExtra({"linked.json", "/etc/passwd", true});
+        case Fault::zipBombArchive: {
+            // Valid JSON all the way (trailing spaces are), so that only the
+            // size can be what refuses it.
+            auto entries = files;
+            for (auto& entry : entries) {
+                if (entry.name != "block-ads.json") continue;
+                entry.bytes = R"({"id":"block-ads","name":"Ads","rules":[]})";
+                entry.padding = std::uint64_t{64} << 20;
+            }
+            return packArchive(entries, pack);
+        }
         case Fault::oversizedArchive: {
             auto bytes = withExtra({"padding.bin", std::string(1 << 20, '\0'), false});
             if (!bytes) return bytes;
@@ -151,6 +162,25 @@ struct FilterServer::State {
             });
     }
 
+    bool isStopping() const {
+        std::lock_guard lock(mutex);
+        return stopping;
+    }
+
+    // A body with no announced length that goes on until the client hangs up
+    // or the server stops.
+    void serveEndlessBody(bool trickle, httplib::Response& response) {
+        response.set_chunked_content_provider("application/zip", [this, trickle](size_t, httplib::DataSink& sink) {
+            if (isStopping()) return false;
+            if (trickle) {
+                std::this_thread::sleep_for(std::chrono::milliseconds(100));
+                return sink.write("0123456789abcdef", 16);
+            }
+            static const std::string block(64 * 1024, '\0');
+            return sink.write(block.data(), block.size());
+        });
+    }
+
     std::expected<Publication, std::string> publish() {
         auto stamps = stampFiles(options.root);
         if (!stamps) return std::unexpected(stamps.error());
@@ -197,6 +227,11 @@ struct FilterServer::State {
         const Fault fault = beginRequest(Endpoint::archive);
         if (answerCommonFault(fault, response)) return;
         auto current = publish();
+        if (current && (fault == Fault::endlessArchive || fault == Fault::trickleArchive)) {
+            response.set_header("Last-Modified", VersionDateFormatter().string(current->manifest.date));
+            serveEndlessBody(fault == Fault::trickleArchive, response);
+            return;
+        }
         std::expected<std::string, std::string> bytes = std::unexpected(std::string());
         if (current) {
             std::lock_guard lock(packMutex);

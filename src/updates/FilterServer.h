@@ -48,6 +48,9 @@ public:
         symbolicLinkArchive,   // archive: the files and, last, a link to /etc/passwd
         oversizedArchive,      // archive: entries that declare 2 GiB each
         noLastModified,        // archive: no "Last-Modified" header
+        endlessArchive,        // archive: a body without length that never ends, as fast as it goes
+        trickleArchive,        // archive: a body without length that never ends, 16 bytes every 100 ms
+        zipBombArchive,        // archive: the files, with a "block-ads.json" that unpacks to 64 MiB and more
     };
 
     struct Options {
@@ -103,9 +106,10 @@ private:
 namespace tamsel::model {
 template <>
 struct RawValueTable<updates::FilterServer::Fault> {
-    static constexpr std::array<std::string_view, 12> rawValues{
-        "none",     "not-found",      "server-error", "reset",     "no-answer", "not-plist",
-        "truncated", "wrong-password", "zip-slip",     "symlink",   "oversized", "no-last-modified"};
+    static constexpr std::array<std::string_view, 15> rawValues{
+        "none",      "not-found",      "server-error", "reset",   "no-answer", "not-plist",
+        "truncated", "wrong-password", "zip-slip",     "symlink", "oversized", "no-last-modified",
+        "endless",   "trickle",        "zip-bomb"};
 };
 template <>
 struct RawValueTable<updates::FilterServer::Endpoint> {

@@ -38,6 +38,8 @@ struct Transfer {
     HTTPClient::TimeSource now = currentTimeSource();
     HTTPResponse response;
     bool receiverRefused = false;
+    bool tooLarge = false;
+    std::uint64_t received = 0;
     bool stalled = false;
     curl_off_t lastReceived = -1;
     std::chrono::steady_clock::time_point lastActivity = now();
@@ -65,6 +67,11 @@ size_t onHeader(char* data, size_t size, size_t count, void* context) {
 size_t onBody(char* data, size_t size, size_t count, void* context) {
     auto* transfer = static_cast<Transfer*>(context);
     transfer->lastActivity = transfer->now();
+    transfer->received += size * count;
+    if (transfer->request->maximumBodySize && transfer->received > *transfer->request->maximumBodySize) {
+        transfer->tooLarge = true;
+        return 0;  // makes curl stop with CURLE_WRITE_ERROR
+    }
     if (*transfer->receiver && !(*transfer->receiver)(std::string_view(data, size * count))) {
         transfer->receiverRefused = true;
         return 0;  // makes curl stop with CURLE_WRITE_ERROR
@@ -147,17 +154,38 @@ std::expected<HTTPResponse, Error> HTTPClient::perform(const HTTPRequest& reques
     curl_easy_setopt(curl, CURLOPT_XFERINFOFUNCTION, onProgress);
     curl_easy_setopt(curl, CURLOPT_XFERINFODATA, &transfer);
     if (request.method == HTTPRequest::Method::head) curl_easy_setopt(curl, CURLOPT_NOBODY, 1L);
+    const auto seconds = std::chrono::ceil<std::chrono::seconds>(request.timeout).count();
+    curl_easy_setopt(curl, CURLOPT_LOW_SPEED_LIMIT, lowSpeedLimit);
+    curl_easy_setopt(curl, CURLOPT_LOW_SPEED_TIME, static_cast<long>(std::max<decltype(seconds)>(1, seconds)));
+    if (request.totalTimeout) {
+        curl_easy_setopt(curl, CURLOPT_TIMEOUT_MS, static_cast<long>(std::max<std::chrono::milliseconds::rep>(
+                                                       1, request.totalTimeout->count())));
+    }
+    if (request.maximumBodySize) {
+        curl_easy_setopt(curl, CURLOPT_MAXFILESIZE_LARGE, static_cast<curl_off_t>(*request.maximumBodySize));
+    }
 
     const CURLcode code = curl_easy_perform(curl);
     curl_easy_getinfo(curl, CURLINFO_RESPONSE_CODE, &transfer.response.status);
     if (partialResponse) *partialResponse = transfer.response;
 
     if (code == CURLE_OK) return std::move(transfer.response);
+    if (transfer.tooLarge || code == CURLE_FILESIZE_EXCEEDED) {
+        return std::unexpected(Error::make(ErrorCode::downloadTooLarge,
+                                           "The download is larger than the " +
+                                               std::to_string(request.maximumBodySize.value_or(0)) +
+                                               " bytes allowed for it"));
+    }
     if (transfer.receiverRefused) {
         return std::unexpected(Error::make(ErrorCode::fileSystem, "could not keep the received data"));
     }
-    if (transfer.stalled || code == CURLE_OPERATION_TIMEDOUT) {
-        return std::unexpected(Error::make(ErrorCode::transport, "The request timed out."));
+    if (transfer.stalled) return std::unexpected(Error::make(ErrorCode::transport, "The request timed out."));
+    if (code == CURLE_OPERATION_TIMEDOUT) {
+        // curl says which limit it was: "Operation timed out after …" or
+        // "Operation too slow. Less than … bytes/sec transferred …".
+        std::string description = "The request timed out.";
+        if (errorBuffer[0] != '\0') description += std::string(" ") + errorBuffer;
+        return std::unexpected(Error::make(ErrorCode::transport, std::move(description)));
     }
     std::string description = curl_easy_strerror(code);
     if (errorBuffer[0] != '\0') description += std::string(": ") + errorBuffer;

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <chrono>
+#include <cstdint>
 #include <expected>
 #include <functional>
 #include <map>
@@ -28,13 +29,20 @@ struct HTTPRequest {
 
     std::string url;
     Method method = Method::get;
-    // How long connecting may take, and how long the transfer may go without
-    // receiving a byte. Like the URL session's request time-out it does not
-    // bound a download that keeps moving.
+    // How long connecting may take, how long the transfer may go without
+    // receiving a byte, and how long it may crawl below
+    // HTTPClient::lowSpeedLimit bytes a second. Like the URL session's
+    // request time-out it does not bound a download that keeps moving.
     std::chrono::milliseconds timeout{60'000};
     // The fraction done (0.0 to 1.0), when the server said how much is coming.
     // Called on the requesting thread.
     std::function<void(double)> progress;
+    // The most the body may be: a larger announced "Content-Length" refuses
+    // the reply before its body, and a body that grows past it is cut off.
+    // Either is a downloadTooLarge error. None: no limit.
+    std::optional<std::uint64_t> maximumBodySize = std::nullopt;
+    // How long the whole request may take, however it moves. None: no limit.
+    std::optional<std::chrono::milliseconds> totalTimeout = std::nullopt;
 };
 
 struct HTTPResponse {
@@ -54,6 +62,11 @@ using BodyReceiver = std::function<bool(std::string_view chunk)>;
 
 class HTTPClient {
 public:
+    // Below this many bytes a second for a whole request time-out, a transfer
+    // counts as stalled: a server that trickles a byte now and then must not
+    // hold a download open for ever.
+    static constexpr long lowSpeedLimit = 1024;
+
     // Performs the request. A reply with any status is a response; no reply
     // (refused, reset, timed out, cut short) is a transport error. The
     // response, when there was one, is also put in `response` so that a

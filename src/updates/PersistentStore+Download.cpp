@@ -1,6 +1,8 @@
 // The rule archive's operations of the package-file layer (see RuleArchive.h
 // for why they live in this folder rather than in storage).
+#include <algorithm>
 #include <atomic>
+#include <string_view>
 #include <mutex>
 #include <optional>
 #include <vector>
@@ -14,7 +16,9 @@
 #include "storage/PathProvider.h"
 #include "updates/ArchiveUnpacker.h"
 #include "updates/Downloader.h"
+#include "updates/FolderLocks.h"
 #include "updates/RuleArchive.h"
+#include "updates/RuleSetFiles.h"
 #include "updates/UpdateManager.h"
 #include "updates/UpdateSettings.h"
 
@@ -27,7 +31,10 @@ const platform::SystemLogger& logger() {
 }
 
 std::atomic<bool> alreadyDownloaded{false};
-std::atomic<std::uint64_t> maximumSize{std::uint64_t{1} << 30};
+constexpr std::uint64_t mebibyte = std::uint64_t{1} << 20;
+std::atomic<std::uint64_t> maximumTotal{256 * mebibyte};
+std::atomic<std::uint64_t> maximumFile{64 * mebibyte};
+std::atomic<std::uint64_t> maximumArchive{256 * mebibyte};
 
 // "http://host/v4/data.zip?x#y" → "data.zip"
 std::string lastPathComponent(std::string_view url) {
@@ -67,15 +74,19 @@ namespace {
 // Downloads the archive and unpacks it, whatever the already-downloaded flag
 // says; completes on the download's thread.
 void fetchAndUnpack(const std::string& url, const std::string& identifier, RuleArchive::ProgressHandler progress,
-                    RuleArchive::Completion completion) {
+                    RuleArchive::Completion completion, std::optional<std::uint64_t> announcedSize) {
     const std::filesystem::path folder = RuleArchive::downloadDirectory();
-    std::error_code failure;
-    std::filesystem::create_directories(folder, failure);
-    if (failure) {
-        logger().error("Error creating directory: %s", failure.message().c_str());
-        if (completion) completion(std::unexpected(Error::make(ErrorCode::fileSystem, failure.message())));
+    // Held until the download and the unpack are over, so that no other
+    // process takes this download's files for leftovers.
+    std::size_t removed = 0;
+    auto use = SharedFolderUse::begin(folder, &removed);
+    if (!use) {
+        logger().error("Error creating directory: %s", use.error().message().c_str());
+        if (completion) completion(std::unexpected(Error::make(ErrorCode::fileSystem, use.error().message())));
         return;
     }
+    if (removed > 0) logger().info("Removed %zu leftovers of earlier downloads from %s", removed, folder.c_str());
+    auto inUse = std::make_shared<SharedFolderUse>(std::move(*use));
     const std::filesystem::path destination = folder / lastPathComponent(url);
 
     // This system counts as supporting background assets; Downloader decides
@@ -83,7 +94,7 @@ void fetchAndUnpack(const std::string& url, const std::string& identifier, RuleA
     // with a manager installed).
     Downloader::download(
         url, destination, identifier, std::move(progress),
-        [destination, completion = std::move(completion)](Downloader::DownloadResult result) {
+        [destination, inUse, completion = std::move(completion)](Downloader::DownloadResult result) {
             std::expected<void, Error> outcome;
             if (!result.isSuccess()) {
                 outcome = std::unexpected(
@@ -95,20 +106,22 @@ void fetchAndUnpack(const std::string& url, const std::string& identifier, RuleA
             }
             alreadyDownloaded.store(outcome.has_value());
             if (completion) completion(std::move(outcome));
-        });
+        },
+        RuleArchive::maximumDownloadSize(announcedSize));
 }
 
 }  // namespace
 
 void RuleArchive::downloadZippedRules(const std::string& url, const std::string& identifier,
-                                      ProgressHandler progressHandler, Completion completionHandler) {
+                                      ProgressHandler progressHandler, Completion completionHandler,
+                                      std::optional<std::uint64_t> announcedSize) {
     if (answerIfAlreadyDownloaded(url)) {
         platform::DispatchQueue::main().async([completion = std::move(completionHandler)] {
             if (completion) completion({});
         });
         return;
     }
-    fetchAndUnpack(url, identifier, std::move(progressHandler), std::move(completionHandler));
+    fetchAndUnpack(url, identifier, std::move(progressHandler), std::move(completionHandler), announcedSize);
 }
 
 bool RuleArchive::isDownloadedFiltersZipArchiveExistLocally() {
@@ -140,7 +153,17 @@ std::expected<void, Error> RuleArchive::unzipArchiveAndCopyDownloadedFilters() {
 std::expected<void, Error> RuleArchive::unzipDownloadedArchive(const std::filesystem::path& archive) {
     logger().info("Unzipping downloaded ZIP file");
     const std::filesystem::path filters = storage::PathProvider::filtersFolderURL();
-    UnpackOptions options{password, maximumUnpackedSize(), markExcludedAndHidden};
+    UnpackOptions options;
+    options.password = password;
+    options.maximumFileSize = maximumFileSize();
+    options.maximumTotalSize = maximumUnpackedSize();
+    options.handling = RuleSetFiles::handling;
+    options.checkFile = RuleSetFiles::check;
+    options.prepareFile = markExcludedAndHidden;
+    options.kept = [](std::string_view name) {
+        const std::string text(name);
+        logger().info("Kept the user's %s; the archive's copy was not installed", text.c_str());
+    };
     auto installed = unpackArchive(archive, filters, options);
     if (!installed) {
         logger().error("Error unzipping file: %s", installed.error().description.c_str());
@@ -158,9 +181,23 @@ bool RuleArchive::isAlreadyDownloaded() { return alreadyDownloaded.load(); }
 
 void RuleArchive::resetAlreadyDownloaded() { alreadyDownloaded.store(false); }
 
-std::uint64_t RuleArchive::maximumUnpackedSize() { return maximumSize.load(); }
+std::uint64_t RuleArchive::maximumUnpackedSize() { return maximumTotal.load(); }
 
-void RuleArchive::setMaximumUnpackedSize(std::uint64_t bytes) { maximumSize.store(bytes); }
+void RuleArchive::setMaximumUnpackedSize(std::uint64_t bytes) { maximumTotal.store(bytes); }
+
+std::uint64_t RuleArchive::maximumFileSize() { return maximumFile.load(); }
+
+void RuleArchive::setMaximumFileSize(std::uint64_t bytes) { maximumFile.store(bytes); }
+
+std::uint64_t RuleArchive::maximumArchiveSize() { return maximumArchive.load(); }
+
+void RuleArchive::setMaximumArchiveSize(std::uint64_t bytes) { maximumArchive.store(bytes); }
+
+std::uint64_t RuleArchive::maximumDownloadSize(std::optional<std::uint64_t> announcedSize) {
+    const std::uint64_t absolute = maximumArchiveSize();
+    if (!announcedSize || *announcedSize == 0 || *announcedSize >= absolute) return absolute;
+    return std::min(absolute, *announcedSize + *announcedSize / 4 + mebibyte);
+}
 
 // MARK: - The package reader's downloader
 
@@ -204,7 +241,7 @@ public:
             for (auto& completion : completions) {
                 if (completion) completion(result.has_value());
             }
-        });
+        }, std::nullopt);
     }
 
 private:

@@ -36,12 +36,16 @@ public:
     //    from %s" and completes with success on the main queue, fetching
     //    nothing.
     //  * Else the archive goes to downloadDirectory()/<last path component of
-    //    the URL>, through Downloader::download; progress is forwarded. After
-    //    the unpack the archive is deleted, whatever the outcome.
+    //    the URL>, through Downloader::download; progress is forwarded. The
+    //    download may be at most maximumDownloadSize(announcedSize) bytes.
+    //    After the unpack the archive is deleted, whatever the outcome.
+    //    Whatever killed downloads left in downloadDirectory() is removed
+    //    first, unless another process is downloading there right now.
     // Completes once, on the download's thread, with success or the error of
     // the step that failed; a failure clears the already-downloaded flag.
     static void downloadZippedRules(const std::string& url, const std::string& identifier,
-                                    ProgressHandler progressHandler, Completion completionHandler);
+                                    ProgressHandler progressHandler, Completion completionHandler,
+                                    std::optional<std::uint64_t> announcedSize = std::nullopt);
 
     // Whether the background-assets side left an archive at
     // PathProvider::downloadedArchiveURL().
@@ -58,9 +62,11 @@ public:
 
     // The unpack step shared by both: logs "Unzipping downloaded ZIP file",
     // unpacks `archive` with the archive password into the filters folder
-    // (all or nothing, see ArchiveUnpacker.h), marks the files excluded from
-    // backup and hidden, and logs "Did unzip and copy filter files to %s".
-    // A failure logs "Error unzipping file: %s".
+    // (all or nothing, see ArchiveUnpacker.h) as RuleSetFiles.h says: only
+    // the files of a rule set, every package file decoding, the user's
+    // configurable packages kept. Marks the files excluded from backup and
+    // hidden, and logs "Did unzip and copy filter files to %s". A failure
+    // logs "Error unzipping file: %s" and installs nothing.
     static std::expected<void, Error> unzipDownloadedArchive(const std::filesystem::path& archive);
 
     // This process's temporary folder for downloads: "tmp/cloud" in the
@@ -72,9 +78,26 @@ public:
     static bool isAlreadyDownloaded();
     static void resetAlreadyDownloaded();
 
-    // The most an archive may unpack to: 1 GiB unless tests lower it.
+    // Limits on what an archive may unpack to and download as. A real rule
+    // set is about 82 MB of package files in all, its largest general file
+    // about 15 MB, and it packs to a fraction of that. The limits leave ample
+    // room for growth (four times over) while keeping a hostile archive from
+    // filling the disk or making every later read of the filters folder slow:
+    //  * one file: 64 MiB;
+    //  * all files together: 256 MiB;
+    //  * the archive itself: 256 MiB at most (it cannot usefully be larger
+    //    than what it unpacks to), and where the server announced the size
+    //    (the manifest's "size", or the HEAD reply's "Content-Length") that
+    //    size plus a quarter plus 1 MiB, for a publication that changed
+    //    between the two requests.
+    // Tests lower them; the setters take effect for the next unpack or download.
     static std::uint64_t maximumUnpackedSize();
     static void setMaximumUnpackedSize(std::uint64_t bytes);
+    static std::uint64_t maximumFileSize();
+    static void setMaximumFileSize(std::uint64_t bytes);
+    static std::uint64_t maximumArchiveSize();
+    static void setMaximumArchiveSize(std::uint64_t bytes);
+    static std::uint64_t maximumDownloadSize(std::optional<std::uint64_t> announcedSize);
 };
 
 // Makes storage::FilterArchiveDownloading::shared() download for real, from

@@ -27,7 +27,8 @@ enum class ErrorCode {
     unzip,
     // An entry would land outside the filters folder, or is a link.
     unsafeEntry,
-    // The archive unpacks to more than the allowed total.
+    // The archive unpacks to more than a rule set can hold: a file over the
+    // limit for one file, or all files over the limit for all.
     archiveTooLarge,
     // The manifest is not a property list with "id", "date" and "size".
     manifestParsing,
@@ -39,6 +40,13 @@ enum class ErrorCode {
     cachedCloudVersionNotAvailable,
     // Rebuilding or reloading the extensions after the install failed.
     reload,
+    // The reply's body is larger than the download may be.
+    downloadTooLarge,
+    // A package file of the archive does not decode as the package file of
+    // its name; nothing of the archive is installed.
+    invalidPackageFile,
+    // The archive holds none of the files of a rule set.
+    noRuleFiles,
 };
 
 struct Error {
@@ -60,9 +68,10 @@ struct Error {
 namespace tamsel::model {
 template <>
 struct RawValueTable<updates::ErrorCode> {
-    static constexpr std::array<std::string_view, 12> rawValues{
+    static constexpr std::array<std::string_view, 15> rawValues{
         "transport",       "httpStatus",           "fileSystem",         "backgroundAssets",
         "unzip",           "unsafeEntry",          "archiveTooLarge",    "manifestParsing",
-        "headerFieldsNotFound", "cloudVersionNotFound", "cachedCloudVersionNotAvailable", "reload"};
+        "headerFieldsNotFound", "cloudVersionNotFound", "cachedCloudVersionNotAvailable", "reload",
+        "downloadTooLarge", "invalidPackageFile",  "noRuleFiles"};
 };
 }  // namespace tamsel::model

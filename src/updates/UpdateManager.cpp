@@ -1,5 +1,7 @@
 #include "updates/UpdateManager.h"
 
+#include <charconv>
+
 #include "model/ExtensionType.h"
 #include "platform/DispatchQueue.h"
 #include "platform/Log.h"
@@ -49,6 +51,10 @@ struct UpdateManager::Check {
     bool useLegacyUpdateCheck = false;
     std::shared_ptr<storage::ExtensionReloading> reloading;
     std::string newVersion;
+    // The archive's size as the server announced it (the manifest's "size",
+    // or the HEAD reply's "Content-Length"): the download may not be much
+    // larger.
+    std::optional<std::uint64_t> announcedSize;
 };
 
 std::shared_ptr<UpdateManager> UpdateManager::shared() {
@@ -145,6 +151,11 @@ void UpdateManager::findCloudVersion(const std::shared_ptr<Check>& check) {
             return;
         }
         version = std::move(*lastModified);
+        if (auto length = response->header("Content-Length")) {
+            std::uint64_t bytes = 0;
+            const auto [end, error] = std::from_chars(length->data(), length->data() + length->size(), bytes);
+            if (error == std::errc() && end == length->data() + length->size()) check->announcedSize = bytes;
+        }
     } else {
         auto manifest =
             MetadataManager().fetchManifest(UpdateSettings::url(check->baseURL, UpdateSettings::metadataPath));
@@ -153,6 +164,7 @@ void UpdateManager::findCloudVersion(const std::shared_ptr<Check>& check) {
             return;
         }
         version = ruleVersionDateFormatter().string(manifest->date);
+        if (manifest->size > 0) check->announcedSize = static_cast<std::uint64_t>(manifest->size);
     }
 
     if (auto manager = check->manager.lock()) {
@@ -213,7 +225,8 @@ void UpdateManager::install(const std::shared_ptr<Check>& check) {
                                                                                      std::nullopt, reloaded.error()}),
                                                          failedUpdatingNotification);
                                               });
-        });
+        },
+        check->announcedSize);
 }
 
 void UpdateManager::record(const std::shared_ptr<Check>& check) {

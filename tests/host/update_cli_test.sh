@@ -59,6 +59,13 @@ expect_filters_as() {
     snapshot_filters now
     cmp -s "$WORK/$1" "$WORK/now" || problem "the installed files changed"
 }
+# The failure is told in one line: "tamsel: update failed (CODE): reason".
+expect_one_failure_line() {
+    local lines
+    lines=$(grep -c '^tamsel: ' "$WORK/err")
+    [ "$lines" -eq 1 ] || problem "$lines lines of 'tamsel: ' on stderr, expected 1"
+    grep -qE "^tamsel: update failed \($1\): .+" "$WORK/err" || problem "stderr lacks 'tamsel: update failed ($1): …'"
+}
 expect_version() {
     "$TAMSEL" --home "$DATA" defaults read localVersion >"$WORK/version" 2>/dev/null
     grep -qF -- "$1" "$WORK/version" || problem "localVersion is '$(cat "$WORK/version")', expected '$1'"
@@ -133,7 +140,7 @@ finish
 
 snapshot_filters second
 for fault in archive=server-error archive=not-found archive=reset archive=truncated archive=wrong-password \
-    archive=zip-slip archive=symlink archive=oversized metadata=not-plist metadata=server-error; do
+    archive=zip-slip archive=symlink archive=oversized archive=endless metadata=not-plist metadata=server-error; do
     begin "a server with $fault leaves the installed rules alone"
     if start_server --root "$PUBLISHED" --fault "$fault" --date "Thu, 07 Mar 2024 10:00:00 GMT"; then
         tamsel update --server "$URL"
@@ -150,13 +157,101 @@ for fault in archive=server-error archive=not-found archive=reset archive=trunca
     finish
 done
 
+begin "a zip bomb is refused at the limit for one file, with one line"
+if start_server --root "$PUBLISHED" --fault archive=zip-bomb --date "Thu, 07 Mar 2024 10:00:00 GMT"; then
+    tamsel update --server "$URL"
+    expect_status 1
+    expect_one_failure_line archiveTooLarge
+    expect_stderr_contains "The archive's block-ads.json unpacks to more than 64 MiB"
+    expect_filters_as second
+    expect_no_strays
+    expect_version "$SECOND_VERSION"
+else
+    problem "the filter server did not start"
+fi
+finish
+
+# --------------------------------------------------- what an archive holds
+
+# Another server publishing its own folder; URL as start_server leaves it.
+start_other_server() {
+    rm -rf "$WORK/other" && mkdir -p "$WORK/other"
+    cp "$PUBLISHED"/* "$WORK/other/"
+    "$@"
+    start_server --root "$WORK/other" --date "Fri, 08 Mar 2024 10:00:00 GMT"
+}
+
+USERS_CONFIGURABLE='[{"id":"whitelist","name":"Whitelist","rules":[{"id":"W1","name":"example.com","content":{"trigger":{"url-filter":".*","if-domain":["example.com"]},"action":{"type":"ignore-previous-rules"}}}]}]'
+printf '%s' "$USERS_CONFIGURABLE" >"$FILTERS/block-configurable.json"
+snapshot_filters users
+
+begin "a package file that does not decode refuses the whole update, with one line"
+if start_other_server eval 'printf "<html>502 Bad Gateway</html>" >"$WORK/other/block-trackers.json"'; then
+    tamsel update --server "$URL"
+    expect_status 1
+    expect_stdout_line "result: error"
+    expect_one_failure_line invalidPackageFile
+    expect_stderr_contains "The archive's block-trackers.json is not a valid package file: "
+    expect_filters_as users
+    expect_no_strays
+    expect_version "$SECOND_VERSION"
+else
+    problem "the filter server did not start"
+fi
+finish
+
+begin "an archive of the user's packages alone changes nothing and keeps the version"
+if start_other_server eval 'rm "$WORK"/other/*; echo "[]" >"$WORK/other/block-configurable.json"; echo "[]" >"$WORK/other/block-custom.json"'; then
+    tamsel update --server "$URL"
+    expect_status 1
+    expect_one_failure_line noRuleFiles
+    expect_filters_as users
+    expect_no_strays
+    expect_version "$SECOND_VERSION"
+else
+    problem "the filter server did not start"
+fi
+finish
+
+begin "a new rule set keeps the user's configurable packages and skips what is no rule file"
+if start_other_server eval 'echo "[]" >"$WORK/other/block-configurable.json"; echo "[]" >"$WORK/other/block-custom.json"; echo junk >"$WORK/other/notes.txt"'; then
+    tamsel update --server "$URL" --no-reload
+    expect_status 0
+    expect_stdout_line "result: success"
+    cmp -s "$FILTERS/block-configurable.json" <(printf '%s' "$USERS_CONFIGURABLE") ||
+        problem "the user's configurable packages changed"
+    [ ! -e "$FILTERS/block-custom.json" ] || problem "the server's block-custom.json was installed"
+    [ ! -e "$FILTERS/notes.txt" ] || problem "notes.txt was installed"
+    expect_stderr_contains "Skipping notes.txt from the archive: not a file of the rule set"
+    expect_no_strays
+    expect_version "Fri, 08 Mar 2024 10:00:00 GMT"
+else
+    problem "the filter server did not start"
+fi
+finish
+
+begin "an update removes what killed downloads and unpacks left"
+mkdir -p "$FILTERS/../.Filters.unpacking-k1ll3d/unpacked" "$DATA/extension/tmp/cloud"
+head -c 100000 /dev/zero >"$FILTERS/../.Filters.unpacking-k1ll3d/unpacked/block-ads.json"
+head -c 100000 /dev/zero >"$DATA/extension/tmp/cloud/.data.zip.download-AbC123"
+echo old >"$DATA/extension/tmp/cloud/data.zip"
+printf '{"id":"block-ads","name":"Ads, third edition","rules":[]}' >"$PUBLISHED/block-ads.json"
+touch -d "2024-03-09 08:00:00 UTC" "$PUBLISHED/block-ads.json"
+tamsel update --server "$MAIN_URL" --no-reload
+expect_status 0
+expect_stdout_line "result: success"
+expect_no_strays
+[ ! -e "$FILTERS/../.Filters.unpacking-k1ll3d" ] || problem "the staging folder of a killed unpack is still there"
+finish
+
+snapshot_filters third
 begin "a server that refuses connections is an error"
 # Port 9 (discard) is privileged and has no listener on a test machine.
 tamsel update --server "http://127.0.0.1:9" --no-reload
 expect_status 1
 expect_stdout_line "result: error"
 expect_stderr_contains "update failed (transport)"
-expect_filters_as second
+expect_filters_as third
 finish
 
 # ------------------------------------------------------------ bad usage

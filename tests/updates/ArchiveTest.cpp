@@ -1,4 +1,7 @@
 #include <gtest/gtest.h>
+#include <fcntl.h>
+#include <sys/file.h>
+#include <unistd.h>
 
 #include <filesystem>
 #include <map>
@@ -9,6 +12,7 @@
 #include "support/TestSupport.h"
 #include "updates/ArchivePacker.h"
 #include "updates/ArchiveUnpacker.h"
+#include "updates/FolderLocks.h"
 
 namespace tamsel::updates {
 namespace {
@@ -209,6 +213,155 @@ TEST_F(ArchiveTest, StopsAnEntryThatOutgrowsTheSizeItDeclares) {
     std::string bytes = packArchive({{"bomb.bin", std::string(2 << 20, '\0'), false}}, {password}).value();
     ASSERT_TRUE(overrideDeclaredSizes(bytes, 100).has_value());
     expectRefused(writeBytes(bytes), ErrorCode::unzip);
+}
+
+TEST_F(ArchiveTest, RefusesAFileOverThePerFileLimitEvenWithinTheTotal) {
+    UnpackOptions options = withPassword(password);
+    options.maximumFileSize = 256 * 1024;
+    // Honest sizes: a highly compressible file of 300 KiB packs to a few
+    // hundred bytes, and is refused before a byte of it is written.
+    expectRefused(writeArchive({{"block-ads.json", "[]", false}, {"bomb.json", "[]", false, 300 * 1024}}),
+                  ErrorCode::archiveTooLarge, options);
+    // Exactly at the limit is fine.
+    const fs::path folder = directory_ / "at-limit" / "Filters";
+    auto installed =
+        unpackArchive(writeArchive({{"full.json", "", false, 256 * 1024}}), folder, options);
+    ASSERT_TRUE(installed.has_value()) << installed.error().description;
+    EXPECT_EQ(fs::file_size(folder / "full.json"), 256u * 1024u);
+}
+
+TEST_F(ArchiveTest, HandlingSkipsFillsGapsAndReplaces) {
+    const fs::path folder = installedFolder();
+    ASSERT_TRUE(platform::writeFileAtomically(folder / "mine.json", "the user's").has_value());
+    std::vector<std::string> kept;
+    UnpackOptions options = withPassword(password);
+    options.handling = [](std::string_view name) {
+        if (name.starts_with("mine") || name.starts_with("seed")) return EntryHandling::installIfAbsent;
+        if (name.starts_with("junk") || name.find('/') != std::string_view::npos) return EntryHandling::skip;
+        return EntryHandling::replace;
+    };
+    options.kept = [&](std::string_view name) { kept.emplace_back(name); };
+    options.maximumTotalSize = 64 * 1024;
+
+    auto installed = unpackArchive(writeArchive({{"block-ads.json", "new ads", false},
+                                                 {"mine.json", "the server's", false},
+                                                 {"seed.json", "seeded", false},
+                                                 {"junk.bin", "x", false, 128 * 1024},  // skipped: counts for no limit
+                                                 {"lists/", "", false},
+                                                 {"lists/a.json", "[]", false}}),
+                                   folder, options);
+    ASSERT_TRUE(installed.has_value()) << installed.error().description;
+    EXPECT_EQ(*installed, (std::vector<fs::path>{folder / "block-ads.json", folder / "seed.json"}));
+    EXPECT_EQ(kept, std::vector<std::string>{"mine.json"});
+    EXPECT_EQ(folderContents(folder), (std::map<std::string, std::string>{{"block-ads.json", "new ads"},
+                                                                          {"hosts.txt", "old hosts"},
+                                                                          {"mine.json", "the user's"},
+                                                                          {"seed.json", "seeded"}}));
+    EXPECT_TRUE(strays(folder).empty());
+}
+
+TEST_F(ArchiveTest, NothingToInstallIsAnErrorThatChangesNothing) {
+    UnpackOptions options = withPassword(password);
+    options.handling = [](std::string_view name) {
+        return name == "mine.json" ? EntryHandling::installIfAbsent : EntryHandling::skip;
+    };
+    // Every entry skipped.
+    expectRefused(writeArchive({{"junk.json", "[]", false}}), ErrorCode::noRuleFiles, options);
+    // The only file to install is one the folder keeps.
+    const fs::path folder = installedFolder();
+    ASSERT_TRUE(platform::writeFileAtomically(folder / "mine.json", "the user's").has_value());
+    auto result = unpackArchive(writeArchive({{"mine.json", "[]", false}, {"junk.json", "[]", false}}), folder,
+                                options);
+    ASSERT_FALSE(result.has_value());
+    EXPECT_EQ(result.error().code, ErrorCode::noRuleFiles);
+    EXPECT_NE(result.error().description.find("mine.json"), std::string::npos) << result.error().description;
+    EXPECT_EQ(platform::readFile(folder / "mine.json").value(), "the user's");
+    EXPECT_TRUE(strays(folder).empty());
+}
+
+TEST_F(ArchiveTest, AFileThatFailsTheCheckRefusesTheWholeArchiveBeforeAnythingMoves) {
+    UnpackOptions options = withPassword(password);
+    std::vector<std::string> checked;
+    bool prepared = false;
+    options.checkFile = [&](std::string_view name, const fs::path& staged) -> std::optional<Error> {
+        checked.emplace_back(name);
+        EXPECT_TRUE(fs::exists(staged));
+        if (platform::readFile(staged).value() == "broken") return Error::make(ErrorCode::invalidPackageFile, "no");
+        return std::nullopt;
+    };
+    options.prepareFile = [&](const fs::path&) { prepared = true; };
+    // The broken file comes last, after files that would replace installed ones.
+    expectRefused(writeArchive({{"block-ads.json", "new ads", false},
+                                {"hosts.txt", "new hosts", false},
+                                {"block-trackers.json", "broken", false}}),
+                  ErrorCode::invalidPackageFile, options);
+    EXPECT_EQ(checked, (std::vector<std::string>{"block-ads.json", "hosts.txt", "block-trackers.json"}));
+    EXPECT_FALSE(prepared);
+}
+
+TEST_F(ArchiveTest, AnUnpackRemovesTheStagingFoldersOfKilledUnpacksOnly) {
+    const fs::path folder = installedFolder();
+    const fs::path parent = folder.parent_path();
+    const std::string prefix = stagingFolderPrefix(folder);
+    EXPECT_EQ(prefix, ".Filters.unpacking-");
+
+    // A killed unpack: its folder stays, its lock went with the process.
+    const fs::path abandoned = parent / (prefix + "abc123");
+    fs::create_directories(abandoned / "unpacked");
+    ASSERT_TRUE(platform::writeFileAtomically(abandoned / "unpacked" / "block-ads.json", "half").has_value());
+    {
+        const int fd = ::open(abandoned.c_str(), O_RDONLY | O_DIRECTORY);
+        ASSERT_GE(fd, 0);
+        ASSERT_EQ(::flock(fd, LOCK_EX), 0);
+        ::close(fd);
+    }
+    // A stray file of the same prefix holds no lock either.
+    ASSERT_TRUE(platform::writeFileAtomically(parent / (prefix + "file"), "x").has_value());
+    // A running unpack (another thread, or another process) holds its lock.
+    auto running = LockedFolder::create(parent, prefix);
+    ASSERT_TRUE(running.has_value()) << running.error().message();
+    // Other folders beside the filters folder are none of its business.
+    fs::create_directories(parent / ".Other.unpacking-xyz");
+
+    auto installed = unpackArchive(writeArchive(ruleSet), folder, withPassword(password));
+    ASSERT_TRUE(installed.has_value()) << installed.error().description;
+    EXPECT_FALSE(fs::exists(abandoned));
+    EXPECT_FALSE(fs::exists(parent / (prefix + "file")));
+    EXPECT_TRUE(fs::exists(running->path()));
+    EXPECT_TRUE(fs::exists(parent / ".Other.unpacking-xyz"));
+
+    // A refused unpack sweeps too.
+    const fs::path later = running->path();
+    { auto gone = std::move(*running); }
+    EXPECT_FALSE(fs::exists(later));
+    fs::create_directories(abandoned);
+    EXPECT_FALSE(unpackArchive(writeBytes("not an archive"), folder, withPassword(password)).has_value());
+    EXPECT_FALSE(fs::exists(abandoned));
+}
+
+TEST(FolderLocksTest, ASharedFolderIsEmptiedOnlyByItsOnlyUser) {
+    testing::TemporaryDirectory directory;
+    const fs::path folder = directory / "tmp" / "cloud";
+    std::size_t removed = 99;
+    {
+        auto first = SharedFolderUse::begin(folder, &removed);
+        ASSERT_TRUE(first.has_value()) << first.error().message();
+        EXPECT_EQ(removed, 0u);
+        EXPECT_TRUE(fs::is_directory(folder));
+        // A second user while the first works: the first's files stay.
+        ASSERT_TRUE(platform::writeFileAtomically(folder / ".data.zip.download-a1b2c3", "partial").has_value());
+        auto second = SharedFolderUse::begin(folder, &removed);
+        ASSERT_TRUE(second.has_value());
+        EXPECT_EQ(removed, 0u);
+        EXPECT_TRUE(fs::exists(folder / ".data.zip.download-a1b2c3"));
+    }
+    // Both gone, as a killed process would be: the next user finds leftovers.
+    fs::create_directories(folder / "sub");
+    ASSERT_TRUE(platform::writeFileAtomically(folder / "data.zip", "archive").has_value());
+    auto next = SharedFolderUse::begin(folder, &removed);
+    ASSERT_TRUE(next.has_value());
+    EXPECT_EQ(removed, 3u);
+    EXPECT_TRUE(fs::is_empty(folder));
 }
 
 TEST_F(ArchiveTest, DeclaredSizeRewriteRejectsWhatIsNotAnArchive) {

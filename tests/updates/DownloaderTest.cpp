@@ -14,7 +14,8 @@ class DownloaderTest : public UpdatesFixture {
 protected:
     std::string archiveURL() const { return server_->baseURL() + "/v4/data.zip"; }
 
-    DownloadResult download(const fs::path& destination, std::vector<double>* fractions = nullptr) {
+    DownloadResult download(const fs::path& destination, std::vector<double>* fractions = nullptr,
+                            std::uint64_t maximumSize = Downloader::defaultMaximumSize) {
         std::optional<DownloadResult> result;
         std::mutex mutex;
         Downloader::downloadUsingURLSession(
@@ -26,7 +27,8 @@ protected:
             [&](DownloadResult delivered) {
                 std::lock_guard lock(mutex);
                 result = delivered;
-            });
+            },
+            maximumSize);
         EXPECT_TRUE(tamsel::testing::waitUntil(
             [&] {
                 timeOutHeldRequests();
@@ -80,6 +82,59 @@ TEST_F(DownloaderTest, AFailedDownloadLeavesTheDestinationAndNoTemporaryFile) {
         }
         EXPECT_EQ(platform::readFile(destination).value(), "previous archive");
         EXPECT_EQ(folderNames(), std::vector<std::string>{"data.zip"});
+    }
+}
+
+TEST_F(DownloaderTest, ABodyOverTheLimitIsRefusedAndLeavesNothing) {
+    const fs::path destination = target_ / "data.zip";
+    ASSERT_TRUE(platform::writeFileAtomically(destination, "previous archive"));
+    const std::uint64_t size = server_->publication()->archive->size();
+
+    // The announced length is over the limit: refused before the body.
+    DownloadResult result = download(destination, nullptr, size - 1);
+    ASSERT_FALSE(result.isSuccess());
+    EXPECT_EQ(result.error->code, ErrorCode::downloadTooLarge) << result.error->description;
+    EXPECT_EQ(result.error->description,
+              "The download is larger than the " + std::to_string(size - 1) + " bytes allowed for it");
+
+    // No length announced, and no end: cut off at the limit.
+    server_->setFault(Endpoint::archive, Fault::endlessArchive);
+    result = download(destination, nullptr, 1 << 20);
+    ASSERT_FALSE(result.isSuccess());
+    EXPECT_EQ(result.error->code, ErrorCode::downloadTooLarge) << result.error->description;
+    EXPECT_EQ(platform::readFile(destination).value(), "previous archive");
+    EXPECT_EQ(folderNames(), std::vector<std::string>{"data.zip"});
+    EXPECT_TRUE(log_.contains("Error downloading file: The download is larger than the 1048576 bytes allowed for it"));
+
+    // Exactly at the limit is fine.
+    server_->setFault(Endpoint::archive, Fault::none);
+    result = download(destination, nullptr, size);
+    EXPECT_TRUE(result.isSuccess()) << result.error->description;
+}
+
+// A body that keeps coming, too slowly to be a download: cut off by the
+// total time-out, or by the low-speed limit over one request time-out. Real
+// time, bounded by the short limits.
+TEST_F(DownloaderTest, ATrickleIsCutOffByTheTotalTimeOutAndByTheLowSpeedLimit) {
+    const fs::path destination = target_ / "data.zip";
+    server_->setFault(Endpoint::archive, Fault::trickleArchive);
+    for (const bool total : {true, false}) {
+        SCOPED_TRACE(total ? "total" : "low speed");
+        if (total) {
+            Downloader::setTotalTimeout(std::chrono::milliseconds(1500));
+        } else {
+            Downloader::setTotalTimeout(std::chrono::minutes(15));
+            Downloader::setRequestTimeout(std::chrono::seconds(1));
+        }
+        const auto start = std::chrono::steady_clock::now();
+        const DownloadResult result = download(destination);
+        const auto took = std::chrono::steady_clock::now() - start;
+        ASSERT_FALSE(result.isSuccess());
+        EXPECT_EQ(result.error->code, ErrorCode::transport);
+        EXPECT_TRUE(result.error->description.starts_with("The request timed out.")) << result.error->description;
+        EXPECT_LT(took, std::chrono::seconds(10));
+        EXPECT_FALSE(fs::exists(destination));
+        EXPECT_TRUE(folderNames().empty());
     }
 }
 
@@ -223,6 +278,18 @@ TEST_F(BackgroundAssetsTest, WithoutAManagerTheHostFallsBackToTheURLSession) {
     ASSERT_TRUE(tamsel::testing::waitUntil([&] { return done.load(); }));
     EXPECT_FALSE(log_.contains("Not allowed to use the Background Extension API"));
     EXPECT_TRUE(log_.contains("Downloading file using URLSession from "));
+}
+
+TEST_F(BackgroundAssetsTest, AFinishedFileOverTheLimitIsNotMoved) {
+    Downloader::download(archiveURL(), target_ / "data.zip", "Background-Download-Filters", {},
+                         [this](DownloadResult result) { results_.push_back(result); }, 8);
+    const fs::path received = target_ / "received.zip";
+    ASSERT_TRUE(platform::writeFileAtomically(received, "nine bytes"));
+    manager_->delegate_->didFinish("Background-Download-Filters", received);
+    ASSERT_EQ(results_.size(), 1u);
+    EXPECT_EQ(results_[0].error->code, ErrorCode::downloadTooLarge);
+    EXPECT_FALSE(fs::exists(target_ / "data.zip"));
+    EXPECT_FALSE(fs::exists(received));
 }
 
 // MARK: - The filter server itself

@@ -121,7 +121,9 @@ TEST_F(UpdateManagerTest, AnOlderServerVersionCountsAsNew) {
     EXPECT_EQ(check(*manager).kind, Kind::success);
     EXPECT_EQ(localVersion(), versionOf(dayOf(1)));
     EXPECT_EQ(installedFiles().at("block-ads.json"), R"({"id":"block-ads","name":"Ads v2","rules":[]})");
-    EXPECT_TRUE(installedFiles().contains("block-brand-new.json"));
+    // Not a file of the rule set.
+    EXPECT_FALSE(installedFiles().contains("block-brand-new.json"));
+    EXPECT_TRUE(log_.contains("Skipping block-brand-new.json from the archive: not a file of the rule set"));
 }
 
 TEST_F(UpdateManagerTest, WithoutReloadTheVersionIsRecordedAndNothingReloads) {
@@ -312,6 +314,12 @@ INSTANTIATE_TEST_SUITE_P(
                   "Error unzipping file: ", true},
         FaultCase{"oversized", Endpoint::archive, Fault::oversizedArchive, false, ErrorCode::archiveTooLarge,
                   "Error unzipping file: ", true},
+        FaultCase{"zipBomb", Endpoint::archive, Fault::zipBombArchive, false, ErrorCode::archiveTooLarge,
+                  "Error unzipping file: The archive's block-ads.json unpacks to more than 64 MiB", true},
+        // The manifest announced a small archive: the body is cut off just
+        // past it.
+        FaultCase{"endless", Endpoint::archive, Fault::endlessArchive, false, ErrorCode::downloadTooLarge,
+                  "Error downloading file: The download is larger than the ", true},
         FaultCase{"archiveReset", Endpoint::archive, Fault::resetMidTransfer, false, ErrorCode::transport,
                   "Error downloading file: ", true},
         FaultCase{"archive404", Endpoint::archive, Fault::notFound, false, ErrorCode::httpStatus,
@@ -337,6 +345,111 @@ INSTANTIATE_TEST_SUITE_P(
         FaultCase{"head404", Endpoint::archive, Fault::notFound, true, ErrorCode::cloudVersionNotFound,
                   "Cloud file version was not found", false}),
     [](const ::testing::TestParamInfo<FaultCase>& info) { return std::string(info.param.name); });
+
+// MARK: - What the archive holds
+
+class ArchiveContentsTest : public UpdateManagerTest {
+protected:
+    // Publishes exactly `files` from now on.
+    void publishOnly(const std::map<std::string, std::string>& files) {
+        for (const auto& entry : fs::directory_iterator(published_.path())) fs::remove(entry.path());
+        for (const auto& [name, bytes] : files) publish(name, bytes);
+    }
+
+    void expectRefusedKeepingEverything(ErrorCode code, const std::string& line) {
+        const auto filesBefore = installedFiles();
+        server_->setPublicationDate(dayOf(2));
+        auto manager = makeManager();
+        const UpdateResult result = check(*manager);
+        ASSERT_EQ(result.kind, Kind::error);
+        EXPECT_EQ(result.error->code, code) << result.error->description;
+        EXPECT_TRUE(log_.contains(line)) << ::testing::PrintToString(log_.messages());
+        EXPECT_EQ(installedFiles(), filesBefore);
+        EXPECT_EQ(localVersion(), versionOf(dayOf(1)));
+        EXPECT_TRUE(strayFiles().empty()) << ::testing::PrintToString(strayFiles());
+        EXPECT_TRUE(reloading_->requests().empty());
+        EXPECT_EQ(notifications(), (std::vector<std::string>{available, started, failed}));
+        EXPECT_FALSE(RuleArchive::isAlreadyDownloaded());
+    }
+
+    const std::string usersConfigurable_ =
+        R"([{"id":"whitelist","name":"Whitelist","rules":[{"id":"W1","name":"example.com","content":)"
+        R"({"trigger":{"url-filter":".*","if-domain":["example.com"]},"action":{"type":"ignore-previous-rules"}}}]}])";
+};
+
+TEST_F(ArchiveContentsTest, AnArchiveOfTheUsersPackagesAloneChangesNothingAndKeepsTheVersion) {
+    installFirstVersion(dayOf(1));
+    ASSERT_TRUE(platform::writeFileAtomically(storage::PathProvider::filtersFolderURL() / "block-configurable.json",
+                                              usersConfigurable_));
+    publishOnly({{"block-configurable.json", "[]"}, {"block-custom.json", "[]"}});
+    expectRefusedKeepingEverything(ErrorCode::noRuleFiles, "Kept the user's block-configurable.json");
+    EXPECT_EQ(installedFiles().at("block-configurable.json"), usersConfigurable_);
+    EXPECT_FALSE(installedFiles().contains("block-custom.json"));
+}
+
+TEST_F(ArchiveContentsTest, ANewRuleSetKeepsTheUsersConfigurablePackages) {
+    installFirstVersion(dayOf(1));
+    ASSERT_TRUE(platform::writeFileAtomically(storage::PathProvider::filtersFolderURL() / "block-configurable.json",
+                                              usersConfigurable_));
+    publish("block-configurable.json", "[]");
+    server_->setPublicationDate(dayOf(2));
+    auto manager = makeManager();
+
+    ASSERT_EQ(check(*manager).kind, Kind::success);
+    EXPECT_EQ(localVersion(), versionOf(dayOf(2)));
+    EXPECT_EQ(installedFiles().at("block-configurable.json"), usersConfigurable_);
+    EXPECT_EQ(installedFiles().at("block-ads.json"), R"({"id":"block-ads","name":"Ads v2","rules":[]})");
+}
+
+TEST_F(ArchiveContentsTest, APackageFileThatDoesNotDecodeRefusesTheUpdate) {
+    installFirstVersion(dayOf(1));
+    publish("block-ads.json", "<html><body>502 Bad Gateway</body></html>");
+    expectRefusedKeepingEverything(ErrorCode::invalidPackageFile,
+                                   "Error updating rules: The archive's block-ads.json is not a valid package file: ");
+
+    // Once the server mends it, the update goes through.
+    publish("block-ads.json", R"({"id":"block-ads","name":"Ads v3","rules":[]})");
+    auto manager = makeManager();
+    ASSERT_EQ(check(*manager).kind, Kind::success);
+    EXPECT_EQ(localVersion(), versionOf(dayOf(2)));
+    EXPECT_EQ(installedFiles().at("block-ads.json"), R"({"id":"block-ads","name":"Ads v3","rules":[]})");
+}
+
+TEST_F(ArchiveContentsTest, WithoutAnnouncedSizeTheAbsoluteLimitStopsAnEndlessBody) {
+    installFirstVersion(dayOf(1));
+    RuleArchive::setMaximumArchiveSize(2 << 20);
+    server_->setFault(Endpoint::archive, Fault::endlessArchive);
+    const auto filesBefore = installedFiles();
+    server_->setPublicationDate(dayOf(2));
+    // The legacy check reads no manifest, and an endless body announces no length.
+    auto manager = makeManager(/*legacy=*/true);
+    const UpdateResult result = check(*manager);
+    ASSERT_EQ(result.kind, Kind::error);
+    EXPECT_EQ(result.error->code, ErrorCode::downloadTooLarge) << result.error->description;
+    EXPECT_EQ(result.error->description, "The download is larger than the 2097152 bytes allowed for it");
+    EXPECT_EQ(installedFiles(), filesBefore);
+    EXPECT_EQ(localVersion(), versionOf(dayOf(1)));
+    EXPECT_TRUE(strayFiles().empty()) << ::testing::PrintToString(strayFiles());
+}
+
+TEST_F(ArchiveContentsTest, AnUpdateRemovesWhatKilledRunsLeftBehind) {
+    // A killed download's partial file and archive, and a killed unpack's
+    // staging folder.
+    const fs::path downloads = RuleArchive::downloadDirectory();
+    fs::create_directories(downloads);
+    ASSERT_TRUE(platform::writeFileAtomically(downloads / ".data.zip.download-Xy12ab", std::string(4096, 'z')));
+    ASSERT_TRUE(platform::writeFileAtomically(downloads / "data.zip", "an old archive"));
+    const fs::path staging = storage::PathProvider::applicationSupportURL() / ".Filters.unpacking-Q1w2e3";
+    fs::create_directories(staging / "unpacked");
+    ASSERT_TRUE(platform::writeFileAtomically(staging / "unpacked" / "block-ads.json", "half a file"));
+    ASSERT_EQ(strayFiles().size(), 3u);
+
+    server_->setPublicationDate(dayOf(3));
+    auto manager = makeManager();
+    ASSERT_EQ(check(*manager).kind, Kind::success);
+    EXPECT_TRUE(strayFiles().empty()) << ::testing::PrintToString(strayFiles());
+    EXPECT_TRUE(log_.contains("Removed 2 leftovers of earlier downloads from " + downloads.string()));
+}
 
 // A loopback port that refuses connections while the object lives: bound,
 // so that no other process can take it, and never listening.

@@ -75,7 +75,11 @@ protected:
         // Leave nothing queued for the next test.
         platform::MainRunLoop::drain();
         RuleArchive::resetAlreadyDownloaded();
-        RuleArchive::setMaximumUnpackedSize(std::uint64_t{1} << 30);
+        RuleArchive::setMaximumUnpackedSize(std::uint64_t{256} << 20);
+        RuleArchive::setMaximumFileSize(std::uint64_t{64} << 20);
+        RuleArchive::setMaximumArchiveSize(std::uint64_t{256} << 20);
+        Downloader::setRequestTimeout(std::chrono::seconds(60));
+        Downloader::setTotalTimeout(std::chrono::minutes(15));
         HTTPClient::setTimeSource({});
     }
 
