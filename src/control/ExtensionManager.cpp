@@ -11,6 +11,7 @@
 #include "settings/LongActionExecutor.h"
 #include "settings/MainApp.h"
 #include "settings/NotificationNames.h"
+#include "platform/Text.h"
 
 #include <algorithm>
 #include <cctype>
@@ -27,10 +28,7 @@ using storage::ReloadingError;
 using storage::ReloadingResult;
 namespace Names = settings::NotificationNames;
 
-std::string lowercased(std::string text) {
-    std::transform(text.begin(), text.end(), text.begin(), [](unsigned char c) { return std::tolower(c); });
-    return text;
-}
+using platform::lowercased;
 
 std::string lockLabel(std::string_view what) {
     return lowercased(std::string(build::baseIdentifier)) + "." + std::string(what);
