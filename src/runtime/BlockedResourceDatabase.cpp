@@ -63,6 +63,10 @@ SQLite::Statement& BlockedResourceDatabase::statement(const char* sql) {
     return *cached;
 }
 
+void BlockedResourceDatabase::releaseStatementsLocked() {
+    for (auto& [sql, statement] : statements_) statement->tryReset();
+}
+
 std::optional<StoreError> BlockedResourceDatabase::openLocked() {
     std::error_code ignored;
     std::filesystem::create_directories(url_.parent_path(), ignored);

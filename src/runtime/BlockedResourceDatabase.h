@@ -58,6 +58,7 @@ public:
         } catch (const SQLite::Exception& exception) {
             failure = StoreError::of(exception, url_);
         }
+        releaseStatementsLocked();
         if (failure && failure->isDamage()) recoverLocked(*failure);
         return failure;
     }
@@ -68,6 +69,9 @@ public:
     SQLite::Statement& statement(const char* sql);
 
 private:
+    // A statement stopped before its last row keeps its read transaction, and
+    // with it an old snapshot of the file; every use ends with all reset.
+    void releaseStatementsLocked();
     std::optional<StoreError> openLocked();
     void reopenLocked();
     void closeLocked();

@@ -95,5 +95,20 @@ TEST_F(StoreTest, ExtensionsWithoutRecordsAreAbsentUnknownIdentifiersIgnoredUnda
     EXPECT_EQ(store.firstBlockedResourceDate(), utc(2024, 5, 1, 12));
 }
 
+TEST_F(StoreTest, ReadsSeeWhatOtherConnectionsWroteSince) {
+    // Two stores on one file stand for two processes.
+    CoreDataStore reader(directory.path(), clock);
+    CoreDataStore writer(directory.path(), clock);
+    ASSERT_TRUE(insertNow(writer, {record(utc(2024, 5, 2), ExtensionType::blockAds),
+                                   record(utc(2024, 5, 3), ExtensionType::blockAds)}));
+    // The first date stops after one of two rows; what it read must not pin
+    // the reader to that moment.
+    EXPECT_EQ(reader.firstBlockedResourceDate(), utc(2024, 5, 2));
+    ASSERT_TRUE(insertNow(writer, {record(utc(2024, 5, 1), ExtensionType::blockSocial)}));
+    EXPECT_EQ(reader.sumBlockedResourcesPerExtension(std::nullopt, std::nullopt),
+              (ExtensionCounts{{ExtensionType::blockAds, 2}, {ExtensionType::blockSocial, 1}}));
+    EXPECT_EQ(reader.firstBlockedResourceDate(), utc(2024, 5, 1));
+}
+
 }  // namespace
 }  // namespace tamsel::runtime
