@@ -146,7 +146,7 @@ int main(int argc, char** argv) {
         resources.push_back(fmt::format("https://cdn{}.adnetwork{}.example/js/tag.js?pub={}&slot={}", i % 13,
                                         i % 977, i * 7919 % 100'003, i % 17));
     }
-    const auto span = std::chrono::duration_cast<std::chrono::nanoseconds>(now - first).count();
+    const auto span = std::chrono::duration_cast<std::chrono::microseconds>(now - first).count();
     std::vector<std::int64_t> offsets(static_cast<std::size_t>(recordCount));
     for (auto& offset : offsets) offset = static_cast<std::int64_t>(random() % static_cast<std::uint64_t>(span));
     std::sort(offsets.begin(), offsets.end());  // records arrive in time order
@@ -159,7 +159,7 @@ int main(int argc, char** argv) {
         for (long j = i; j < std::min(recordCount, i + batchSize); ++j) {
             runtime::BlockedResource record;
             record.id = fmt::format("{:08X}-0000-4000-8000-{:012X}", static_cast<std::uint32_t>(j), random() >> 16);
-            record.date = first + std::chrono::nanoseconds(offsets[static_cast<std::size_t>(j)]);
+            record.date = first + std::chrono::microseconds(offsets[static_cast<std::size_t>(j)]);
             record.extensionID = std::string(model::rawValue(pickExtension(random)));
             record.pageURL = pages[random() % pages.size()];
             record.pageDomain = record.pageURL->substr(8, record.pageURL->find('/', 8) - 8);

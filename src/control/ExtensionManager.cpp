@@ -7,6 +7,7 @@
 #include "platform/Log.h"
 #include "platform/MainRunLoop.h"
 #include "platform/NotificationCenter.h"
+#include "platform/Text.h"
 #include "settings/App.h"
 #include "settings/LongActionExecutor.h"
 #include "settings/MainApp.h"
@@ -28,10 +29,7 @@ using storage::ReloadingError;
 using storage::ReloadingResult;
 namespace Names = settings::NotificationNames;
 
-std::string lowercased(std::string text) {
-    std::transform(text.begin(), text.end(), text.begin(), [](unsigned char c) { return std::tolower(c); });
-    return text;
-}
+using platform::lowercased;
 
 std::string lockLabel(std::string_view what) {
     return lowercased(std::string(build::baseIdentifier)) + "." + std::string(what);

@@ -15,6 +15,7 @@
 #include "host/Command.h"
 #include "platform/Stores.h"
 #include "platform/Value.h"
+#include "platform/Text.h"
 
 namespace tamsel::host {
 namespace {
@@ -35,11 +36,7 @@ std::shared_ptr<platform::UserDefaults> openSuite(const std::string& name) {
     return platform::SharedDefaults::shared();
 }
 
-std::string lowercased(std::string text) {
-    std::transform(text.begin(), text.end(), text.begin(),
-                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-    return text;
-}
+using platform::lowercased;
 
 std::expected<platform::Value, std::string> parseBool(const std::string& text) {
     const std::string word = lowercased(text);

@@ -189,7 +189,8 @@ FileState fileState(const std::filesystem::path& path) {
 }
 
 std::string dateText(Clock::time_point date) {
-    return fmt::format("{:%Y-%m-%d %H:%M:%S} UTC", std::chrono::floor<std::chrono::seconds>(date));
+    // fmt prints a system-clock time in the local zone; gmtime keeps it UTC.
+    return fmt::format("{:%Y-%m-%d %H:%M:%S} UTC", fmt::gmtime(Clock::to_time_t(date)));
 }
 
 int listExtensions(bool json) {

@@ -14,7 +14,7 @@ Package::Package(std::string id, std::string name, std::vector<Rule> rules, std:
     : id(std::move(id)),
       name(std::move(name)),
       rules(std::move(rules)),
-      createdAt(createdDate.value_or(std::chrono::system_clock::now())) {}
+      createdAt(createdDate.value_or(platform::Clock::systemNow())) {}
 
 ExtensionType Package::type() const {
     if (auto type = fromRawValue<ExtensionType>(id)) return *type;

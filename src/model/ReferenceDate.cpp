@@ -7,16 +7,16 @@
 namespace tamsel::model {
 
 namespace {
-using Ticks = std::chrono::system_clock::duration;
+using Ticks = platform::Date::duration;
 constexpr std::chrono::seconds referenceOffset(978307200);  // 2001-01-01 00:00:00 UTC
-// About 253 years either side of the reference date: far inside what the
-// nanosecond ticks of a Date can hold even after adding the offset.
-constexpr double maxSeconds = 8.0e9;
+// About 285,000 years either side of the reference date: inside what the
+// microsecond ticks of a Date can hold even after adding the offset.
+constexpr double maxSeconds = 9.0e12;
 }  // namespace
 
 double timeIntervalSinceReferenceDate(platform::Date date) {
     const Ticks sinceReference = date.time_since_epoch() - referenceOffset;
-    // Whole seconds and the fraction separately, so that nanoseconds are not
+    // Whole seconds and the fraction separately, so that microseconds are not
     // lost to the double's mantissa before the subtraction.
     const auto whole = std::chrono::floor<std::chrono::seconds>(sinceReference);
     return static_cast<double>(whole.count()) + std::chrono::duration<double>(sinceReference - whole).count();
@@ -28,7 +28,7 @@ platform::Date dateWithTimeIntervalSinceReferenceDate(double seconds) {
     const double whole = std::floor(seconds);
     const auto fraction = std::chrono::round<Ticks>(std::chrono::duration<double>(seconds - whole));
     const auto sinceReference = std::chrono::seconds(static_cast<std::int64_t>(whole)) + fraction;
-    return platform::Date(std::chrono::duration_cast<Ticks>(sinceReference + referenceOffset));
+    return platform::Date(sinceReference + referenceOffset);
 }
 
 }  // namespace tamsel::model

@@ -8,8 +8,8 @@ namespace tamsel::model {
 
 double timeIntervalSinceReferenceDate(platform::Date date);
 
-// Intervals beyond what a Date can hold (about ±292 years around 1970) are
-// clamped to the nearest representable date rather than overflowing.
+// Intervals beyond about ±285,000 years are clamped to that bound rather than
+// overflowing a Date.
 platform::Date dateWithTimeIntervalSinceReferenceDate(double seconds);
 
 }  // namespace tamsel::model

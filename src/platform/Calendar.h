@@ -39,23 +39,27 @@ struct LocalDateTime {
     bool operator==(const LocalDateTime&) const = default;
 };
 
-// The Gregorian calendar in one IANA time zone ("Europe/Berlin"), read from the
-// system's zoneinfo files (TZif) or given as a POSIX TZ rule
-// ("CET-1CEST,M3.5.0,M10.5.0/3"). It answers day and hour questions the way
-// the statistics need them, including on the 23- and 25-hour days of
-// daylight-saving changes. Calendars are immutable values and safe to share
-// between threads.
+// The Gregorian calendar in one IANA time zone ("Europe/Berlin") of the
+// system's time-zone database (tzdata, read through date/tz.h). It answers day
+// and hour questions the way the statistics need them, including on the 23-
+// and 25-hour days of daylight-saving changes. Calendars are immutable values
+// and safe to share between threads.
 //
 // Wall-clock times that do not exist (skipped by a change to summer time)
 // resolve to the next time that exists, the moment of the change; wall-clock
 // times that occur twice resolve to the first occurrence.
+//
+// The zone files list changes up to 2037; later dates keep the offset in
+// effect after the last listed change (date/tz.h does not read the files'
+// rule for the years beyond).
 class Calendar {
 public:
     // An unknown zone name falls back to UTC, with an error line.
     explicit Calendar(std::string timeZoneIdentifier);
 
-    // The zone of the process: $TZ when set, else the system's configured zone
-    // (/etc/timezone, /etc/localtime), else UTC.
+    // The zone of the process: $TZ when set (a zone name, optionally after
+    // ':'; POSIX rule strings are not read and give UTC), else the system's
+    // configured zone (/etc/localtime, /etc/timezone), else UTC.
     static Calendar current();
 
     const std::string& timeZoneIdentifier() const { return identifier_; }

@@ -184,7 +184,7 @@ std::optional<PlatformError> LocalContentBlockerManager::takeInjectedFailure(con
 
 void LocalContentBlockerManager::record(const std::string& identifier, const std::optional<PlatformError>& error,
                                         std::size_t entries) {
-    Dictionary entry{{"date", Value(std::chrono::system_clock::now())},
+    Dictionary entry{{"date", Value(Clock::systemNow())},
                      {"entries", Value(static_cast<std::int64_t>(entries))}};
     if (error) {
         entry.insert_or_assign("domain", Value(error->domain));

@@ -349,7 +349,7 @@ std::optional<Date> parseISO8601(std::string_view text) {
         }
     }
     result += hours{*hour} + minutes{*minute} + seconds{second};
-    result += duration_cast<system_clock::duration>(fraction);
+    result += duration_cast<Date::duration>(fraction);
 
     if (cursor.atEnd() || cursor.consume('Z') || cursor.consume('z')) {
         return cursor.atEnd() ? std::optional<Date>(result) : std::nullopt;

@@ -19,7 +19,6 @@ void putBytes(std::string& out, std::string_view bytes) {
 }
 
 void encodeInto(std::string& out, const Value& value) {
-    using std::chrono::nanoseconds;
     switch (value.type()) {
     case Value::Type::boolean:
         out += 'b';
@@ -38,9 +37,10 @@ void encodeInto(std::string& out, const Value& value) {
         putBytes(out, *value.getIf<std::string>());
         break;
     case Value::Type::date: {
-        out += 't';
-        const auto since = std::chrono::duration_cast<nanoseconds>(value.asDate()->time_since_epoch());
-        putUInt64(out, static_cast<std::uint64_t>(since.count()));
+        // 'u': microseconds since 1970, which hold every Date; 't' (nanoseconds)
+        // is only read, from stores written before.
+        out += 'u';
+        putUInt64(out, static_cast<std::uint64_t>(value.asDate()->time_since_epoch().count()));
         break;
     }
     case Value::Type::data: {
@@ -129,7 +129,12 @@ struct Decoder {
             const auto since = uint64();
             if (!since) return std::nullopt;
             const std::chrono::nanoseconds nanos{static_cast<std::int64_t>(*since)};
-            return Value(Date(std::chrono::duration_cast<Date::duration>(nanos)));
+            return Value(Date(std::chrono::floor<Date::duration>(nanos)));
+        }
+        case 'u': {
+            const auto since = uint64();
+            if (!since) return std::nullopt;
+            return Value(Date(Date::duration(static_cast<std::int64_t>(*since))));
         }
         case 'd': {
             const auto content = bytes();

@@ -7,13 +7,14 @@
 #include "platform/Value.h"
 
 // The binary form in which the stores keep a value: exact for every type
-// (dates to the nanosecond, doubles bit for bit), unlike JSON.
+// (dates to the microsecond, doubles bit for bit), unlike JSON.
 //
 //   boolean    'b' byte(0|1)
 //   integer    'i' int64 (little endian)
 //   real       'r' IEEE-754 bits as uint64
 //   string     's' uint64 length, UTF-8 bytes
-//   date       't' int64 nanoseconds since 1970-01-01T00:00:00Z
+//   date       'u' int64 microseconds since 1970-01-01T00:00:00Z
+//              ('t' int64 nanoseconds, written before, is still read)
 //   data       'd' uint64 length, bytes
 //   array      'a' uint64 count, values
 //   dictionary 'o' uint64 count, (uint64 length, key bytes, value)…

@@ -3,6 +3,7 @@
 #include "model/ExtensionType.h"
 #include "platform/Clock.h"
 #include "runtime/BlockedResource.h"
+#include "runtime/StoreError.h"
 
 #include <filesystem>
 #include <functional>
@@ -14,38 +15,17 @@
 
 namespace tamsel::runtime {
 
-// Why a store operation failed.
-struct StoreError {
-    int code = 0;             // the SQLite (extended) result code, 0 when not from SQLite
-    std::string description;  // one line, for people
-    std::string userInfo;     // printed details: code, database path
-
-    bool operator==(const StoreError&) const = default;
-};
-
-// The persistent store of blocked-resource records: one SQLite database in
-// WAL mode, "blocked-resources-data.sqlite" in the app-group container, shared
-// by every process of the product. Processes write at once through SQLite's
-// locking (with a generous busy timeout), so none loses records.
+// The persistent store of blocked-resource records: one SQLite database,
+// "blocked-resources-data.sqlite" in the app-group container, shared by every
+// process of the product. It joins the parts that do the work:
+// BlockedResourceDatabase (the connection, and moving a damaged file aside),
+// BlockedResourceSchema (tables and upgrades), BlockedResourceWriter (write
+// batching) and BlockedResourceQueries (the counts and reads).
 //
-// Writes are asynchronous: records handed to insertRecord() or insert() wait
-// on the store's writer queue, which commits everything that has arrived by
-// then in one transaction, so a burst of reports costs a few transactions
-// rather than one each.
-//
-// Reads (the counts and the first date) are synchronous and safe from any
-// thread. Counts never load records: each call is one grouped count query,
-// served by daily and hourly count tables that the database keeps in step
-// with the records (a trigger in the inserting transaction), plus the records
-// of the partial hours at the two ends of the interval.
-//
-// A damaged database file (not a database, truncated, or a database of some
-// other schema) is moved aside as "<name>.corrupt-<UTC timestamp>", with an
-// error line, and an empty store takes its place; this happens when the store
-// opens and whenever a later operation finds the damage. A store of an older
-// schema version is upgraded in place; one of a newer version is left alone
-// and not used. When no store can be opened, writes fail and reads answer
-// nothing.
+// Writes are asynchronous and batched. Reads (the counts and the first date)
+// are synchronous and safe from any thread. A store of an older schema
+// version is upgraded in place; one of a newer version is left alone and not
+// used. When no store can be opened, writes fail and reads answer nothing.
 class CoreDataStore {
 public:
     static constexpr std::string_view modelName = "Model";

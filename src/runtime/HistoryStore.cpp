@@ -5,6 +5,7 @@
 #include "platform/DispatchQueue.h"
 #include "platform/Log.h"
 #include "platform/Synchronized.h"
+#include "platform/Text.h"
 
 #include <algorithm>
 #include <array>
@@ -29,11 +30,7 @@ struct PageHistory {
 
 using PageMap = std::map<std::shared_ptr<SafariPage>, PageHistory>;
 
-std::string lowercased(std::string text) {
-    std::transform(text.begin(), text.end(), text.begin(),
-                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-    return text;
-}
+using platform::lowercased;
 
 // "app.tamsel.Tamsel" without its last component: "app.tamsel".
 std::string baseIdentifierWithoutLastComponent() {

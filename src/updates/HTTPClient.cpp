@@ -1,4 +1,5 @@
 #include "updates/HTTPClient.h"
+#include "platform/Text.h"
 
 #include <curl/curl.h>
 
@@ -16,12 +17,7 @@ void initialiseCurlOnce() {
     std::call_once(once, [] { curl_global_init(CURL_GLOBAL_DEFAULT); });
 }
 
-std::string trimmed(std::string_view text) {
-    const auto isSpace = [](char c) { return c == ' ' || c == '\t' || c == '\r' || c == '\n'; };
-    while (!text.empty() && isSpace(text.front())) text.remove_prefix(1);
-    while (!text.empty() && isSpace(text.back())) text.remove_suffix(1);
-    return std::string(text);
-}
+using platform::trimmed;
 
 std::mutex timeSourceMutex;
 HTTPClient::TimeSource installedTimeSource;
@@ -107,7 +103,7 @@ struct CurlDeleter {
 
 bool CaseInsensitiveLess::operator()(std::string_view a, std::string_view b) const {
     return std::lexicographical_compare(a.begin(), a.end(), b.begin(), b.end(), [](char x, char y) {
-        return std::tolower(static_cast<unsigned char>(x)) < std::tolower(static_cast<unsigned char>(y));
+        return platform::asciiLower(x) < platform::asciiLower(y);
     });
 }
 

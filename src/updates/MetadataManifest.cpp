@@ -3,6 +3,7 @@
 #include <plist/plist.h>
 
 #include "model/Hashing.h"
+#include "platform/Value.h"
 
 #include <cmath>
 #include <cstdlib>
@@ -12,32 +13,52 @@
 namespace tamsel::updates {
 namespace {
 
-// Property-list dates count from 2001-01-01 00:00:00 UTC.
-constexpr std::int64_t referenceDateUnixSeconds = 978307200;
-
 struct PlistDeleter {
     void operator()(plist_t node) const { plist_free(node); }
 };
 using Plist = std::unique_ptr<std::remove_pointer_t<plist_t>, PlistDeleter>;
 
-// libplist hands a date over as seconds since the reference date, truncated
-// toward zero, and microseconds without a sign; its XML form carries no
-// fraction at all, and its binary reader loses the fraction of dates before
-// the reference date. Whole seconds are what both forms agree on, so the
-// fraction is dropped, rounding toward the past where it is known.
-platform::Date dateFromPlist(std::int32_t seconds, std::int32_t microseconds) {
-    std::int64_t whole = seconds;
-    if (seconds < 0 && microseconds != 0) --whole;
-    return platform::Date(std::chrono::seconds(referenceDateUnixSeconds + whole));
+// Property-list dates count from 2001-01-01 00:00:00 UTC.
+constexpr platform::Date referenceDate{std::chrono::seconds(978307200)};
+
+// libplist 2.2 keeps a date as a double of seconds since 2001, but hands it
+// over and takes it only as 32-bit seconds: anything outside 1933 to 2069
+// overflows (to 1932-12-13 on this machine). Its XML writer and reader carry
+// the whole range as text, so dates cross the library that way, in whole
+// seconds, which is all the XML form holds anyway.
+std::optional<platform::Date> dateFromPlist(plist_t node) {
+    Plist copy(plist_copy(node));
+    char* xml = nullptr;
+    std::uint32_t length = 0;
+    plist_to_xml(copy.get(), &xml, &length);
+    const std::string text(xml ? xml : "", length);
+    plist_to_xml_free(xml);
+    const auto open = text.find("<date>");
+    const auto close = text.find("</date>");
+    if (open == std::string::npos || close == std::string::npos || close < open) return std::nullopt;
+    auto date = platform::parseISO8601(std::string_view(text).substr(open + 6, close - open - 6));
+    // The text is truncated toward 2001; before it, a fraction (which the
+    // 32-bit getter still reports right) means the second before, so that a
+    // date is always rounded toward the past.
+    std::int32_t seconds = 0, microseconds = 0;
+    plist_get_date_val(node, &seconds, &microseconds);
+    if (date && microseconds != 0 && *date < referenceDate) *date -= std::chrono::seconds(1);
+    return date;
+}
+
+plist_t plistDate(platform::Date date) {
+    const std::string xml = "<?xml version=\"1.0\" encoding=\"UTF-8\"?><plist version=\"1.0\"><date>" +
+                            platform::formatISO8601(std::chrono::floor<std::chrono::seconds>(date)) +
+                            "</date></plist>";
+    plist_t node = nullptr;
+    plist_from_xml(xml.data(), static_cast<std::uint32_t>(xml.size()), &node);
+    return node;
 }
 
 Plist makeDictionary(const MetadataManifest& manifest) {
-    using namespace std::chrono;
-    const auto sinceReference = floor<seconds>(manifest.date).time_since_epoch() - seconds(referenceDateUnixSeconds);
-
     Plist dictionary(plist_new_dict());
     plist_dict_set_item(dictionary.get(), "id", plist_new_string(manifest.id.c_str()));
-    plist_dict_set_item(dictionary.get(), "date", plist_new_date(static_cast<std::int32_t>(sinceReference.count()), 0));
+    if (plist_t date = plistDate(manifest.date)) plist_dict_set_item(dictionary.get(), "date", date);
     plist_dict_set_item(dictionary.get(), "size", plist_new_uint(static_cast<std::uint64_t>(manifest.size)));
     return dictionary;
 }
@@ -64,9 +85,9 @@ std::expected<MetadataManifest, std::string> MetadataManifest::decode(std::strin
     plist_t date = plist_dict_get_item(root.get(), "date");
     if (!date) return std::unexpected("No value for the key \"date\"");
     if (plist_get_node_type(date) != PLIST_DATE) return std::unexpected("The value of \"date\" is not a date");
-    std::int32_t seconds = 0, microseconds = 0;
-    plist_get_date_val(date, &seconds, &microseconds);
-    manifest.date = dateFromPlist(seconds, microseconds);
+    const auto value = dateFromPlist(date);
+    if (!value) return std::unexpected("The value of \"date\" is outside the years 1000 to 9999");
+    manifest.date = *value;
 
     plist_t size = plist_dict_get_item(root.get(), "size");
     if (!size) return std::unexpected("No value for the key \"size\"");

@@ -13,8 +13,9 @@
 // Dates are written in UTC, whose zone abbreviation in this format is "GMT";
 // that makes the text of one date the same in every process and equal to the
 // HTTP date a server sends as "Last-Modified", so both version paths produce
-// comparable texts. Reading also accepts "UTC", "UT", "Z", "GMT±h[:mm]",
-// "±hhmm" and the North American abbreviations (EST, PDT, …).
+// comparable texts. Reading takes the zones libcurl's HTTP-date reader knows
+// ("UTC", "UT", "Z", "±hhmm", RFC 822's and the common European and North
+// American abbreviations) and the format's own "GMT±h[:mm]".
 namespace tamsel::updates {
 
 class VersionDateFormatter {

@@ -133,7 +133,7 @@ TEST_F(DataManagerTest, ACustomPackageNeverTakesAConfigurableIdentifier) {
 
 TEST_F(DataManagerTest, AddingACustomPackageRenamesInPlaceOrAppends) {
     fillModel();
-    const auto before = std::chrono::system_clock::now();
+    const auto before = platform::Clock::systemNow();
     manager.addOrReplaceCustomPackage(Package("mine", "Renamed", {blockRule("ignored")}));
     manager.addOrReplaceCustomPackage(package("new", {blockRule("n1")}));
 

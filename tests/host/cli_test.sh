@@ -201,6 +201,8 @@ write_and_read -string "two words, one value" "two words, one value"
 write_and_read -string "-looks-like-a-flag" "-looks-like-a-flag"
 write_and_read -date 2024-03-05T12:34:56Z 2024-03-05T12:34:56Z
 write_and_read -date "2024-03-05T14:34:56.250+02:00" 2024-03-05T12:34:56.250Z
+write_and_read -date 9999-12-31T23:59:59Z 9999-12-31T23:59:59Z
+write_and_read -date 1900-01-01T00:00:00Z 1900-01-01T00:00:00Z
 write_and_read -json '["block-ads", 2, true, 1.5]' '["block-ads",2,true,1.5]'
 write_and_read -json '{"block-ads": {"r1": true}, "n": []}' '{"block-ads":{"r1":true},"n":[]}'
 write_and_read -bool true 1 standard

@@ -96,6 +96,14 @@ expect_stdout_contains '{"url":"https://a.example/offset","date":"2024-05-10T12:
 expect_stdout_contains '{"url":"https://a.example/repeated","date":"2024-10-27T02:30:00+02:00"}'
 finish
 
+begin "records dated far from today keep their dates"
+tamsel report-blocked --now 9999-12-31T12:00:00Z --page https://far.example/ --extension block-ads https://a.example/late
+tamsel report-blocked --now 1900-01-01T12:00:00Z --page https://far.example/ --extension block-ads https://a.example/early
+tamsel --json history https://far.example/
+expect_stdout_contains '{"url":"https://a.example/late","date":"9999-12-31T13:00:00+01:00"}'
+expect_stdout_contains '{"url":"https://a.example/early","date":"1900-01-01T13:00:00+01:00"}'
+finish
+
 begin "history of a page without records is a reported failure"
 tamsel history https://nothing.example/
 expect_status 1

@@ -212,7 +212,7 @@ TEST(RulePackageTest, CreatedAtIsSecondsSinceTwoThousandOne) {
 }
 
 TEST(RulePackageTest, MissingOrNullCreatedAtMeansTheMomentOfDecoding) {
-    const auto before = std::chrono::system_clock::now();
+    const auto before = platform::Clock::systemNow();
     auto absent = decodePackage(R"({"id":"p","name":"P","rules":[]})");
     auto null = decodePackage(R"({"id":"p","name":"P","rules":[],"createdAt":null})");
     const auto after = std::chrono::system_clock::now();
@@ -232,7 +232,7 @@ TEST(RulePackageTest, SettingRuleReplacesInPlaceOrAppendsWithFreshDate) {
                            Rule("c", "C", blockerWithAction(ActionType::block, "c"))},
                           old);
 
-    const auto callTime = std::chrono::system_clock::now();
+    const auto callTime = platform::Clock::systemNow();
     const Rule changed("b", "B2", blockerWithAction(ActionType::hide, "b2"));
     const Package replaced = package.packageBySettingRule(changed);
     ASSERT_EQ(replaced.rules.size(), 3u);

@@ -51,7 +51,7 @@ protected:
     TemporaryDirectory directory;
 };
 
-const Date someDate = Date(std::chrono::nanoseconds(1'700'000'000'123'456'789));
+const Date someDate = Date(std::chrono::microseconds(1'700'000'000'123'456));
 
 TEST_F(UserDefaultsTest, KeepsValuesWithTheirExactTypeAcrossReopening) {
     const Dictionary stored{

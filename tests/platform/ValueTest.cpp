@@ -153,12 +153,27 @@ TEST(Base64, RoundTripsEveryLengthAndRejectsForeignCharacters) {
 }
 
 TEST(ValueCoding, KeepsEveryTypeExactly) {
-    const Value value = Array{sample(), utc(2024, 1, 1) + nanoseconds(123456789), Data{0, 0, 7},
+    const Value value = Array{sample(), utc(2024, 1, 1) + microseconds(123456), Data{0, 0, 7},
                               std::numeric_limits<double>::denorm_min(), -0.0};
     const auto decoded = decodeValue(encodeValue(value));
     ASSERT_TRUE(decoded);
     EXPECT_EQ(*decoded, value);
     EXPECT_TRUE(std::signbit(*(*decoded->asArray())[4].asDouble()));
+}
+
+TEST(ValueCoding, KeepsDatesOfEveryCenturyAndReadsNanosecondsWrittenBefore) {
+    for (Date date : {utc(9999, 12, 31, 23, 59, 59), utc(1900, 1, 1), utc(1, 1, 1), utc(2262, 4, 12)}) {
+        EXPECT_EQ(decodeValue(encodeValue(Value(date)))->asDate(), date) << formatISO8601(date);
+        EXPECT_EQ(parseISO8601(formatISO8601(date)), date) << formatISO8601(date);
+    }
+    EXPECT_EQ(formatISO8601(utc(9999, 12, 31, 23, 59, 59)), "9999-12-31T23:59:59Z");
+    // Stores written before microseconds kept nanoseconds under 't'.
+    std::string legacy = "t";
+    const std::int64_t nanos = 1'700'000'000'123'456'789;
+    for (int shift = 0; shift < 64; shift += 8) legacy += static_cast<char>((nanos >> shift) & 0xff);
+    const auto decoded = decodeValue(legacy);
+    ASSERT_TRUE(decoded);
+    EXPECT_EQ(decoded->asDate(), Date(microseconds(1'700'000'000'123'456)));
 }
 
 TEST(ValueCoding, RejectsTruncatedAndForgedInput) {

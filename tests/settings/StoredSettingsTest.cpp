@@ -33,7 +33,7 @@ TAMSEL_CHILD_ENTRY(readFirstLaunchDate) {
 
 TEST(AppFirstLaunchDate, FirstReadStoresTheClockAndLaterReadsKeepIt) {
     ScopedDataRoot root;
-    const platform::Date start = std::chrono::system_clock::now() - 36h;
+    const platform::Date start = platform::Clock::systemNow() - 36h;
     platform::ManualClock clock(start);
 
     ASSERT_FALSE(platform::SharedDefaults::shared()->value(settings::Keys::currentBuildFirstLaunchDate));
@@ -47,7 +47,7 @@ TEST(AppFirstLaunchDate, FirstReadStoresTheClockAndLaterReadsKeepIt) {
 
 TEST(AppFirstLaunchDate, AnotherProcessReadsTheStoredDate) {
     ScopedDataRoot root;
-    platform::ManualClock clock(std::chrono::system_clock::now() - 240h);
+    platform::ManualClock clock(platform::Clock::systemNow() - 240h);
     const auto date = App::currentBuildFirstLaunchDate(clock);
     EXPECT_EQ(runChildEntry("readFirstLaunchDate", {std::to_string(nanosecondsOf(date))}), 0);
 }

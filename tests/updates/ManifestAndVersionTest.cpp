@@ -11,6 +11,8 @@
 #include "updates/UpdateManager.h"
 #include "updates/VersionDateFormatter.h"
 
+#include <set>
+
 namespace tamsel::updates {
 namespace {
 
@@ -43,6 +45,8 @@ TEST(VersionDateFormatterTest, ReadsOtherZones) {
     EXPECT_EQ(formatter.date("Mon, 01 Jul 2024 14:00:00 GMT+2"), noonUTC);
     EXPECT_EQ(formatter.date("Mon, 01 Jul 2024 17:30:00 GMT+05:30"), noonUTC);
     EXPECT_EQ(formatter.date("Mon, 01 Jul 2024 07:00:00 -0500"), noonUTC);
+    EXPECT_EQ(formatter.date("Mon, 01 Jul 2024 14:00:00 CEST"), noonUTC);
+    EXPECT_EQ(formatter.date("Mon, 01 Jul 2024 06:30:00 GMT-05:30"), noonUTC);
 }
 
 TEST(VersionDateFormatterTest, RejectsWhatIsNotADateInTheFormat) {
@@ -50,7 +54,8 @@ TEST(VersionDateFormatterTest, RejectsWhatIsNotADateInTheFormat) {
     for (const char* text : {"", "yesterday", "2024-03-05T12:34:56Z", "Tue, 05 Mar 2024 12:34:56",
                              "Tue, 30 Feb 2024 12:00:00 GMT", "Tue, 05 Mrz 2024 12:34:56 GMT",
                              "Tue, 05 Mar 2024 24:00:00 GMT", "Tue, 05 Mar 2024 12:34:56 GMT trailing",
-                             "Xyz, 05 Mar 2024 12:34:56 GMT", "Tue, 05 Mar 2024 12:34:56 CEST"}) {
+                             "Xyz, 05 Mar 2024 12:34:56 GMT", "Tue, 05 Mar 2024 12:34:56 XYZ",
+                             "Tue, 05 Mar 2024 12:34:56 GMT+19"}) {
         EXPECT_FALSE(formatter.date(text).has_value()) << text;
     }
 }
@@ -101,6 +106,60 @@ TEST(MetadataManifestTest, DecodesBothPropertyListForms) {
     }
 }
 
+// A binary manifest as another writer may send it: a real number of seconds
+// since 2001-01-01, with a fraction.
+std::string foreignBinaryManifest(std::int32_t sinceReference, std::int32_t microsecondPart) {
+    plist_t dictionary = plist_new_dict();
+    plist_dict_set_item(dictionary, "id", plist_new_string("x"));
+    plist_dict_set_item(dictionary, "date", plist_new_date(sinceReference, microsecondPart));
+    plist_dict_set_item(dictionary, "size", plist_new_uint(7));
+    char* bytes = nullptr;
+    std::uint32_t length = 0;
+    plist_to_bin(dictionary, &bytes, &length);
+    const std::string binary(bytes, length);
+    plist_to_bin_free(bytes);
+    plist_free(dictionary);
+    return binary;
+}
+
+TEST(MetadataManifestTest, DatesFarFromTodayStayDistinctVersions) {
+    // The property-list library's own accessors take 32-bit seconds from 2001,
+    // which hold only 1933 to 2069.
+    const std::vector<std::pair<platform::Date, std::string>> dates{
+        {at(2100, 1, 1, 0, 0, 0), "Fri, 01 Jan 2100 00:00:00 GMT"},
+        {at(9999, 12, 31, 23, 59, 59), "Fri, 31 Dec 9999 23:59:59 GMT"},
+        {at(1900, 1, 1, 0, 0, 0), "Mon, 01 Jan 1900 00:00:00 GMT"},
+        {at(1932, 12, 13, 20, 45, 52), "Tue, 13 Dec 1932 20:45:52 GMT"},
+    };
+    std::set<std::string> versions;
+    for (const auto& [date, version] : dates) {
+        const MetadataManifest manifest{"far", date, 1};
+        for (const auto& encoded : {manifest.encodeXML(), manifest.encodeBinary()}) {
+            auto decoded = MetadataManifest::decode(encoded);
+            ASSERT_TRUE(decoded.has_value()) << decoded.error();
+            EXPECT_EQ(decoded->date, date) << version;
+            EXPECT_EQ(VersionDateFormatter().string(decoded->date), version);
+            EXPECT_EQ(VersionDateFormatter().date(version), date);
+            versions.insert(VersionDateFormatter().string(decoded->date));
+        }
+    }
+    EXPECT_EQ(versions.size(), dates.size());
+
+    // Before 2001 a fraction of a second still rounds toward the past.
+    auto decoded = MetadataManifest::decode(foreignBinaryManifest(-2, 500000));  // -1.5 s: 23:59:58.5
+    ASSERT_TRUE(decoded.has_value()) << decoded.error();
+    EXPECT_EQ(decoded->date, at(2000, 12, 31, 23, 59, 58));
+}
+
+TEST(MetadataManifestTest, RefusesDatesBeyondTheFourDigitYears) {
+    const std::string xml = R"(<?xml version="1.0" encoding="UTF-8"?><plist version="1.0"><dict>)"
+                            R"(<key>id</key><string>x</string><key>date</key><date>0999-01-01T00:00:00Z</date>)"
+                            R"(<key>size</key><integer>1</integer></dict></plist>)";
+    auto decoded = MetadataManifest::decode(xml);
+    ASSERT_FALSE(decoded.has_value());
+    EXPECT_EQ(decoded.error(), "The value of \"date\" is outside the years 1000 to 9999");
+}
+
 TEST(MetadataManifestTest, DecodesAHandWrittenManifestAndIgnoresOtherKeys) {
     const std::string xml = R"(<?xml version="1.0" encoding="UTF-8"?>
 <!DOCTYPE plist PUBLIC "-//Apple//DTD PLIST 1.0//EN" "http://www.apple.com/DTDs/PropertyList-1.0.dtd">
@@ -121,20 +180,7 @@ TEST(MetadataManifestTest, DecodesAHandWrittenManifestAndIgnoresOtherKeys) {
 }
 
 TEST(MetadataManifestTest, DropsTheFractionOfAForeignBinaryManifestsDate) {
-    // A binary manifest as another writer may send it: a real number of
-    // seconds since 2001-01-01, with a fraction.
-    plist_t dictionary = plist_new_dict();
-    plist_dict_set_item(dictionary, "id", plist_new_string("x"));
-    plist_dict_set_item(dictionary, "date", plist_new_date(763389296, 750000));
-    plist_dict_set_item(dictionary, "size", plist_new_uint(7));
-    char* bytes = nullptr;
-    std::uint32_t length = 0;
-    plist_to_bin(dictionary, &bytes, &length);
-    const std::string binary(bytes, length);
-    plist_to_bin_free(bytes);
-    plist_free(dictionary);
-
-    auto decoded = MetadataManifest::decode(binary);
+    auto decoded = MetadataManifest::decode(foreignBinaryManifest(763389296, 750000));
     ASSERT_TRUE(decoded.has_value()) << decoded.error();
     EXPECT_EQ(VersionDateFormatter().string(decoded->date), "Tue, 11 Mar 2025 12:34:56 GMT");
     EXPECT_EQ(decoded->date, at(2025, 3, 11, 12, 34, 56));

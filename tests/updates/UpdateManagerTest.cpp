@@ -126,6 +126,19 @@ TEST_F(UpdateManagerTest, AnOlderServerVersionCountsAsNew) {
     EXPECT_TRUE(log_.contains("Skipping block-brand-new.json from the archive: not a file of the rule set"));
 }
 
+TEST_F(UpdateManagerTest, ManifestDatesCenturiesApartAreDifferentVersions) {
+    using namespace std::chrono;
+    installFirstVersion(platform::Date(sys_days(year(1900) / January / 1)));
+    for (const auto date : {platform::Date(sys_days(year(2100) / January / 1)),
+                            platform::Date(sys_days(year(9999) / December / 31) + hours(23))}) {
+        server_->setPublicationDate(date);
+        auto manager = makeManager();
+        EXPECT_EQ(check(*manager).kind, Kind::success) << versionOf(date);
+        EXPECT_EQ(localVersion(), versionOf(date));
+    }
+    EXPECT_EQ(localVersion(), "Fri, 31 Dec 9999 23:00:00 GMT");
+}
+
 TEST_F(UpdateManagerTest, WithoutReloadTheVersionIsRecordedAndNothingReloads) {
     server_->setPublicationDate(dayOf(7));
     auto manager = makeManager();

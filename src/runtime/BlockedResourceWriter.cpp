@@ -1,0 +1,106 @@
+#include "runtime/BlockedResourceWriter.h"
+
+#include "platform/BuildConfig.h"
+#include "platform/UUID.h"
+
+#include <SQLiteCpp/Transaction.h>
+
+#include <string>
+#include <utility>
+
+namespace tamsel::runtime {
+
+namespace {
+
+constexpr const char* insertSQL =
+    "INSERT INTO BlockedResource(id, date, extensionID, blockedURL, pageURL, pageDomain) "
+    "VALUES (?1, ?2, ?3, ?4, ?5, ?6)";
+
+void bindText(SQLite::Statement& statement, int index, const std::optional<std::string>& text) {
+    if (text) statement.bindNoCopy(index, *text);
+    else statement.bind(index);
+}
+
+}  // namespace
+
+BlockedResourceWriter::BlockedResourceWriter(BlockedResourceDatabase& database)
+    : database_(database), queue_(std::string(build::baseIdentifier) + ".core-data-store.writer") {}
+
+BlockedResourceWriter::~BlockedResourceWriter() { waitUntilWritten(); }
+
+void BlockedResourceWriter::insert(std::vector<BlockedResource> records, Completion completion) {
+    bool first = false;
+    {
+        std::lock_guard lock(pendingMutex_);
+        first = pending_.empty();
+        recordsSinceSave_ += records.size();
+        pending_.push_back({std::move(records), std::move(completion)});
+    }
+    if (first) queue_.async([this] { flushPending(); });
+}
+
+bool BlockedResourceWriter::whenWrittenSinceLastSave(
+    std::function<void(const std::optional<StoreError>& failure)> settled) {
+    {
+        std::lock_guard lock(pendingMutex_);
+        if (std::exchange(recordsSinceSave_, 0) == 0) return false;
+    }
+    queue_.async([this, settled = std::move(settled)] {
+        flushPending();
+        std::optional<StoreError> failure;
+        {
+            std::lock_guard lock(pendingMutex_);
+            failure = std::exchange(failureSinceSave_, std::nullopt);
+        }
+        settled(failure);
+    });
+    return true;
+}
+
+void BlockedResourceWriter::waitUntilWritten() {
+    queue_.sync([] {});
+}
+
+void BlockedResourceWriter::flushPending() {
+    std::vector<PendingInsert> batch;
+    {
+        std::lock_guard lock(pendingMutex_);
+        batch.swap(pending_);
+    }
+    if (batch.empty()) return;
+    auto write = [&](BlockedResourceDatabase& open) { writeBatch(open, batch); };
+    auto failure = database_.use(write);
+    // The damaged file has been moved aside by now; the batch goes to the new one.
+    if (failure && failure->isDamage()) failure = database_.use(write);
+    if (failure) {
+        std::lock_guard lock(pendingMutex_);
+        failureSinceSave_ = failure;
+    }
+    for (auto& insert : batch) {
+        if (insert.completion) insert.completion(failure);
+    }
+}
+
+void BlockedResourceWriter::writeBatch(BlockedResourceDatabase& database, const std::vector<PendingInsert>& batch) {
+    SQLite::Transaction transaction(database.connection(), SQLite::TransactionBehavior::IMMEDIATE);
+    SQLite::Statement& statement = database.statement(insertSQL);
+    for (const auto& insert : batch) {
+        for (const auto& record : insert.records) {
+            statement.reset();
+            statement.clearBindings();
+            // UUIDs are kept as their 16 bytes; anything else is kept as text.
+            const auto uuid = record.id ? platform::parseUUID(*record.id) : std::nullopt;
+            if (uuid) statement.bind(1, uuid->data(), static_cast<int>(uuid->size()));
+            else bindText(statement, 1, record.id);
+            if (record.date) statement.bind(2, static_cast<std::int64_t>(record.date->time_since_epoch().count()));
+            bindText(statement, 3, record.extensionID);
+            bindText(statement, 4, record.blockedURL);
+            bindText(statement, 5, record.pageURL);
+            bindText(statement, 6, record.pageDomain);
+            statement.exec();
+        }
+    }
+    transaction.commit();
+}
+
+}  // namespace tamsel::runtime
