@@ -5,6 +5,7 @@
 #include "platform/LocalContentBlockerManager.h"
 #include "settings/App.h"
 #include "storage/PathProvider.h"
+#include "updates/RuleArchive.h"
 
 #include <memory>
 #include <mutex>
@@ -49,6 +50,7 @@ void installSubstituteHost() {
 }
 
 void startWriter() {
+    updates::RuleArchive::finishInterruptedInstall();
     for (const auto& folder : {storage::PathProvider::safariJSONFolderURL(), storage::PathProvider::filtersFolderURL(),
                                storage::PathProvider::sharedContainerURL()}) {
         platform::removeStaleTemporaries(folder);

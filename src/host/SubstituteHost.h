@@ -13,10 +13,11 @@ namespace tamsel::host {
 // manager the process's rebuilder. Call once the data root is chosen.
 void installSubstituteHost();
 
-// What a program that writes the shared files does first: removes the
-// temporary files that writers killed mid-write left in the group
-// container's folders, and rebuilds the extensions that still owe a rebuild
-// (a change whose rebuild never finished). Call after installSubstituteHost.
+// What a program that writes the shared files does first: completes a rule
+// update that a killed process left half installed, removes the temporary
+// files that writers killed mid-write left in the group container's folders,
+// and rebuilds the extensions that still owe a rebuild (a change whose
+// rebuild never finished). Call after installSubstituteHost.
 void startWriter();
 
 // Runs the main queue until every queued save, reload and retry of the

@@ -1,5 +1,8 @@
 #include "updates/ArchiveUnpacker.h"
 
+#include "platform/Files.h"
+#include "platform/Log.h"
+
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -289,14 +292,58 @@ std::string stagingFolderPrefix(const std::filesystem::path& folder) {
     return "." + folder.filename().string() + ".unpacking-";
 }
 
+namespace {
+
+// In a staging folder: the list of the files about to move, one a line,
+// "replace <path>" or "ifabsent <path>". Written once the files are checked;
+// from then on the install is completed even by another process.
+constexpr char moveListName[] = "moving";
+constexpr std::string_view replaceWord = "replace ";
+constexpr std::string_view ifAbsentWord = "ifabsent ";
+
+const platform::SystemLogger& logger() {
+    static const platform::SystemLogger instance("Download");
+    return instance;
+}
+
+}  // namespace
+
+std::size_t finishInterruptedUnpacks(const std::filesystem::path& folder, const UnpackOptions& options) {
+    std::size_t finished = 0;
+    removeAbandonedFolders(folder.parent_path(), stagingFolderPrefix(folder), [&](const std::filesystem::path& staging) {
+        auto list = platform::readFile(staging / moveListName);
+        if (!list) return;
+        if (options.willInstall) options.willInstall();
+        MoveIntoPlace move(staging, folder);
+        std::string_view text = *list;
+        while (!text.empty()) {
+            const auto newline = text.find('\n');
+            std::string_view line = text.substr(0, newline);
+            text.remove_prefix(newline == std::string_view::npos ? text.size() : newline + 1);
+            const bool ifAbsent = line.starts_with(ifAbsentWord);
+            if (!ifAbsent && !line.starts_with(replaceWord)) continue;
+            line.remove_prefix(ifAbsent ? ifAbsentWord.size() : replaceWord.size());
+            const std::filesystem::path relative(line);
+            // Moved before the process died: nothing left to do for it.
+            if (!isSafeEntryName(line) || !std::filesystem::exists(staging / "unpacked" / relative)) continue;
+            if (!move.file(relative, ifAbsent ? EntryHandling::installIfAbsent : EntryHandling::replace)) {
+                logger().error("Can't complete the interrupted install of %s", relative.c_str());
+            }
+        }
+        ++finished;
+    });
+    return finished;
+}
+
 std::expected<std::vector<std::filesystem::path>, Error> unpackArchive(const std::filesystem::path& archivePath,
                                                                       const std::filesystem::path& folder,
                                                                       const UnpackOptions& options) {
     const std::filesystem::path parent = folder.parent_path();
     const std::string prefix = stagingFolderPrefix(folder);
     // Unpacks that were killed left their staging folders, up to a rule set
-    // in size each; no live process holds them.
-    removeAbandonedFolders(parent, prefix);
+    // in size each; no live process holds them. One that had begun to move
+    // its files in is completed first.
+    finishInterruptedUnpacks(folder, options);
 
     int openError = 0;
     std::unique_ptr<zip_t, ZipCloser> archive(zip_open(archivePath.c_str(), ZIP_RDONLY | ZIP_CHECKCONS, &openError));
@@ -343,6 +390,16 @@ std::expected<std::vector<std::filesystem::path>, Error> unpackArchive(const std
     }
     if (options.prepareFile) {
         for (const auto& file : files) options.prepareFile(unpacked / file.relative);
+    }
+    if (options.willInstall) options.willInstall();
+    std::string moveList;
+    for (const auto& file : files) {
+        moveList.append(file.handling == EntryHandling::installIfAbsent ? ifAbsentWord : replaceWord)
+            .append(file.relative.string())
+            .append("\n");
+    }
+    if (auto written = platform::writeFileAtomically(staging->path() / moveListName, moveList); !written) {
+        return std::unexpected(Error::make(ErrorCode::fileSystem, written.error().message()));
     }
     MoveIntoPlace move(staging->path(), folder);
     std::vector<std::filesystem::path> installed;

@@ -63,6 +63,9 @@ struct UnpackOptions {
     // Called for each installIfAbsent file that stayed out because the
     // folder has one of its name.
     std::function<void(std::string_view name)> kept;
+    // Called once every file was checked, right before the first one moves
+    // into the folder (also before an interrupted install is completed).
+    std::function<void()> willInstall;
 };
 
 // Unpacks `archive` into `folder` (created when missing), replacing files of
@@ -75,6 +78,15 @@ struct UnpackOptions {
 std::expected<std::vector<std::filesystem::path>, Error> unpackArchive(const std::filesystem::path& archive,
                                                                       const std::filesystem::path& folder,
                                                                       const UnpackOptions& options);
+
+// Completes the installs into `folder` that a killed process left half done:
+// once an unpack has checked every file it writes down what it is about to
+// move, and a process that dies after that point has its remaining files
+// moved in here, so the folder ends up with the whole new set (never a mix
+// of old and new). Abandoned staging folders are removed. Runs at the start
+// of every unpack; a program that writes the folder calls it when it starts.
+// Returns how many installs it completed.
+std::size_t finishInterruptedUnpacks(const std::filesystem::path& folder, const UnpackOptions& options);
 
 // Whether an entry of this name stays inside the folder it is unpacked into.
 bool isSafeEntryName(std::string_view name);

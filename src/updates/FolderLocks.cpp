@@ -68,7 +68,8 @@ LockedFolder::~LockedFolder() {
     if (fd_ >= 0) ::close(fd_);
 }
 
-std::size_t removeAbandonedFolders(const std::filesystem::path& parent, std::string_view prefix) {
+std::size_t removeAbandonedFolders(const std::filesystem::path& parent, std::string_view prefix,
+                                   const std::function<void(const std::filesystem::path&)>& salvage) {
     std::vector<std::filesystem::path> candidates;
     std::error_code failure;
     for (std::filesystem::directory_iterator it(parent, failure), end; !failure && it != end; it.increment(failure)) {
@@ -84,6 +85,7 @@ std::size_t removeAbandonedFolders(const std::filesystem::path& parent, std::str
             continue;
         }
         if (lock(fd, LOCK_EX | LOCK_NB) && stillNamed(candidate, fd)) {
+            if (salvage) salvage(candidate);
             if (std::filesystem::remove_all(candidate, ignored) > 0) ++removed;
         }
         ::close(fd);

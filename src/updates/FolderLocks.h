@@ -3,6 +3,7 @@
 #include <cstddef>
 #include <expected>
 #include <filesystem>
+#include <functional>
 #include <string>
 #include <string_view>
 #include <system_error>
@@ -39,8 +40,11 @@ private:
 
 // Removes every entry of `parent` whose name begins with `prefix` and that no
 // live process holds: folders whose lock can be taken, and anything that is
-// not a folder (it can hold no lock). Returns how many it removed.
-std::size_t removeAbandonedFolders(const std::filesystem::path& parent, std::string_view prefix);
+// not a folder (it can hold no lock). `salvage`, when given, sees each
+// abandoned folder first, while this process holds its lock. Returns how
+// many it removed.
+std::size_t removeAbandonedFolders(const std::filesystem::path& parent, std::string_view prefix,
+                                   const std::function<void(const std::filesystem::path&)>& salvage = {});
 
 // Use of a folder that several processes share (the download folder): each
 // user holds a shared lock on it while working there. A user that finds no

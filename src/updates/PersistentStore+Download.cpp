@@ -14,6 +14,7 @@
 #include "platform/Stores.h"
 #include "storage/FilterArchiveDownloading.h"
 #include "storage/PathProvider.h"
+#include "storage/RebuildLedger.h"
 #include "updates/ArchiveUnpacker.h"
 #include "updates/Downloader.h"
 #include "updates/FolderLocks.h"
@@ -164,6 +165,9 @@ std::expected<void, Error> RuleArchive::unzipDownloadedArchive(const std::filesy
         const std::string text(name);
         logger().info("Kept the user's %s; the archive's copy was not installed", text.c_str());
     };
+    // New rules for every extension: owed before the first file moves, so
+    // that a process killed now leaves the rebuilds to the next writer.
+    options.willInstall = storage::RebuildLedger::oweAll;
     auto installed = unpackArchive(archive, filters, options);
     if (!installed) {
         logger().error("Error unzipping file: %s", installed.error().description.c_str());
@@ -171,6 +175,14 @@ std::expected<void, Error> RuleArchive::unzipDownloadedArchive(const std::filesy
     }
     logger().info("Did unzip and copy filter files to %s", filters.c_str());
     return {};
+}
+
+std::size_t RuleArchive::finishInterruptedInstall() {
+    UnpackOptions options;
+    options.willInstall = storage::RebuildLedger::oweAll;
+    const std::size_t finished = finishInterruptedUnpacks(storage::PathProvider::filtersFolderURL(), options);
+    if (finished > 0) logger().info("Completed %ld interrupted install(s) of filter files", static_cast<long>(finished));
+    return finished;
 }
 
 std::filesystem::path RuleArchive::downloadDirectory() {

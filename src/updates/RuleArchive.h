@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <expected>
 #include <filesystem>
@@ -73,6 +74,12 @@ public:
     // process's own folder of the data root, so that processes (and tests)
     // with different data roots never share a download.
     static std::filesystem::path downloadDirectory();
+
+    // Completes an install into the filters folder that a killed process
+    // left half done (see finishInterruptedUnpacks), so that the folder holds
+    // one whole rule set; owes every extension's rebuild when it does.
+    // Returns how many it completed.
+    static std::size_t finishInterruptedInstall();
 
     // The process-wide already-downloaded flag.
     static bool isAlreadyDownloaded();

@@ -121,6 +121,48 @@ for kill in $(seq 1 "$KILLS"); do
 done
 finish
 
+# ---------------------------------------------------------------- update
+
+GENERAL="block-ads block-trackers block-annoyances block-social block-comments block-adult"
+PUBLISHED=$WORK/published
+mkdir -p "$PUBLISHED"
+# The new rule set: every general file gains one rule that names its file.
+for name in $GENERAL; do
+    sed -E "0,/\"rules\": ?\[/s//&{\"id\":\"new-$name\",\"name\":\"new\",\"content\":{\"trigger\":{\"url-filter\":\"new-rule-set-$name\"},\"action\":{\"type\":\"block\"}}},/" \
+        "${CRASH_RULE_SET:-$SAMPLES}/$name.json" >"$PUBLISHED/$name.json"
+done
+cp "${CRASH_RULE_SET:-$SAMPLES}/block-international.json" "$PUBLISHED/"
+SERVER_PID=""
+harness_cleanup() { [ -z "$SERVER_PID" ] || kill "$SERVER_PID" 2>/dev/null; }
+"$TAMSEL" --home "$WORK/server-home" filter-server --root "$PUBLISHED" --port 0 >"$WORK/server.out" 2>/dev/null &
+SERVER_PID=$!
+URL=""
+for _ in $(seq 1 300); do
+    URL=$(grep -m 1 -E '^http://127\.0\.0\.1:[0-9]+$' "$WORK/server.out")
+    [ -n "$URL" ] && break
+    sleep 0.1
+done
+
+begin "update killed $KILLS times: the rule set is all old or all new after the next command, which makes the owed rebuilds"
+[ -n "$URL" ] || problem "the filter server did not start"
+start_home
+duration=$(measure update --server "$URL")
+for kill in $(seq 1 "$KILLS"); do
+    [ -n "$URL" ] || break
+    start_home
+    run_and_kill "$duration" update --server "$URL"
+    expect_files_whole "update $kill"
+    "$TAMSEL" --home "$DATA" https "update-$kill.example.com" >/dev/null 2>&1 || problem "https failed after update kill $kill"
+    new=0
+    for name in $GENERAL; do grep -qF "new-rule-set-$name" "$FILTERS/$name.json" && new=$((new + 1)); done
+    [ "$new" -eq 0 ] || [ "$new" -eq 6 ] || problem "after update kill $kill, $new of the 6 general files are new"
+    if [ "$new" -eq 6 ]; then
+        grep -qF "new-rule-set-block-ads" "$SAFARI_ADS" || problem "the new rules did not reach block-ads' Safari file after kill $kill"
+    fi
+    expect_nothing_owed "after update kill $kill"
+done
+finish
+
 # ---------------------------------------------------------------- leftovers
 
 begin "after the kills, the next writer leaves no temporary files behind"

@@ -339,6 +339,36 @@ TEST_F(ArchiveTest, AnUnpackRemovesTheStagingFoldersOfKilledUnpacksOnly) {
     EXPECT_FALSE(fs::exists(abandoned));
 }
 
+TEST_F(ArchiveTest, AnInstallKilledWhileMovingIsCompletedAndOneKilledBeforeIsDropped) {
+    const fs::path folder = installedFolder();
+    const std::string prefix = stagingFolderPrefix(folder);
+    // Killed after block-ads moved in but before hosts.txt and the new list did.
+    const fs::path moving = folder.parent_path() / (prefix + "moving");
+    fs::create_directories(moving / "unpacked");
+    ASSERT_TRUE(platform::writeFileAtomically(folder / "block-ads.json", "new ads").has_value());
+    ASSERT_TRUE(platform::writeFileAtomically(moving / "unpacked" / "hosts.txt", "new hosts").has_value());
+    ASSERT_TRUE(platform::writeFileAtomically(moving / "unpacked" / "block-configurable.json", "seed").has_value());
+    ASSERT_TRUE(platform::writeFileAtomically(
+        moving / "moving", "replace block-ads.json\nreplace hosts.txt\nifabsent block-configurable.json\n"));
+    // Killed while still checking: nothing of it may arrive.
+    const fs::path checking = folder.parent_path() / (prefix + "checking");
+    fs::create_directories(checking / "unpacked");
+    ASSERT_TRUE(platform::writeFileAtomically(checking / "unpacked" / "block-social.json", "unchecked").has_value());
+
+    int announced = 0;
+    UnpackOptions options;
+    options.willInstall = [&announced] { ++announced; };
+    EXPECT_EQ(finishInterruptedUnpacks(folder, options), 1u);
+    EXPECT_EQ(announced, 1);
+    EXPECT_EQ(*platform::readFile(folder / "block-ads.json"), "new ads");
+    EXPECT_EQ(*platform::readFile(folder / "hosts.txt"), "new hosts");
+    EXPECT_EQ(*platform::readFile(folder / "block-configurable.json"), "seed");
+    EXPECT_FALSE(fs::exists(folder / "block-social.json"));
+    EXPECT_TRUE(strays(folder).empty());
+
+    EXPECT_EQ(finishInterruptedUnpacks(folder, options), 0u) << "nothing left to complete";
+}
+
 TEST(FolderLocksTest, ASharedFolderIsEmptiedOnlyByItsOnlyUser) {
     testing::TemporaryDirectory directory;
     const fs::path folder = directory / "tmp" / "cloud";
