@@ -1,7 +1,9 @@
 #include "host/Command.h"
 
-#include "host/ConsoleRouting.h"
+#include "host/FirstUse.h"
+#include "host/LogRouting.h"
 #include "host/SubstituteHost.h"
+#include "platform/BuildConfig.h"
 #include "platform/DataRoot.h"
 #include "platform/Log.h"
 
@@ -35,9 +37,13 @@ int report(std::string_view line, int status) { return writeError("tamsel: " + s
 
 }  // namespace
 
-CommandLine::CommandLine() : app_("The substitute Safari host of Tamsel Actions", "tamsel") {
+CommandLine::CommandLine()
+    : app_("Tamsel content blocker: switch filter lists and site exceptions, compile and reload the Safari "
+           "content blockers, update the rules and read the blocking statistics",
+           "tamsel") {
     // Subcommands inherit fallthrough, so global options may also follow them.
     app_.fallthrough();
+    app_.set_version_flag("--version", std::string("tamsel ") + build::version, "Print the version and exit");
     app_.require_subcommand(1);
     app_.add_option("--home", options_.home, "Data root (default: $TAMSEL_HOME, else the XDG data folder)");
     app_.add_flag("-v,--verbose", options_.verbose, "Write debug log lines");
@@ -53,8 +59,8 @@ CLI::App* CommandLine::group(const std::string& name, const std::string& descrip
     return created;
 }
 
-void CommandLine::setAction(CLI::App* command, CommandAction action) {
-    actions_.emplace_back(command, std::move(action));
+void CommandLine::setAction(CLI::App* command, CommandAction action, Preparation preparation) {
+    actions_.push_back({command, std::move(action), preparation});
 }
 
 int CommandLine::run(int argc, const char* const* argv) {
@@ -66,16 +72,18 @@ int CommandLine::run(int argc, const char* const* argv) {
         return writeError(describe(error), exitUsage);
     }
     if (int status = applyGlobalOptions(); status != exitSuccess) return status;
-    const CommandAction* action = chosenAction();
-    if (action == nullptr) return reportUsageError("no command given (see tamsel --help)");
+    const Registered* chosen = chosenAction();
+    if (chosen == nullptr) return reportUsageError("no command given (see tamsel --help)");
+    routeLogLines(options_.verbose);
     installSubstituteHost();
-    // Standard output belongs to the commands' own results; the product's
-    // console lines (compile and reload traces among them) go to standard
-    // error with -v and nowhere otherwise.
-    ConsoleToStandardError productLines(options_.verbose);
     int status = exitSuccess;
     try {
-        status = (*action)();
+        if (chosen->preparation == Preparation::firstUse) {
+            const auto prepared = prepareDataRootOnFirstUse();
+            if (!prepared) return reportFailure("first use: " + prepared.error());
+            if (prepared->compileFailure) reportFailure("first use: compiling failed: " + *prepared->compileFailure);
+        }
+        status = chosen->action();
     } catch (const std::exception& error) {
         status = reportFailure(error.what());
     }
@@ -121,10 +129,10 @@ std::string CommandLine::describe(const CLI::ParseError& error) const {
     return path + ": " + error.what();
 }
 
-const CommandAction* CommandLine::chosenAction() const {
+const CommandLine::Registered* CommandLine::chosenAction() const {
     const CLI::App* command = deepestCommand();
-    for (const auto& [owner, action] : actions_) {
-        if (owner == command) return &action;
+    for (const Registered& registered : actions_) {
+        if (registered.command == command) return &registered;
     }
     return nullptr;
 }
@@ -138,6 +146,10 @@ void CommandRegistration::addAll(CommandLine& commandLine) {
     std::stable_sort(entries.begin(), entries.end(),
                      [](const auto& a, const auto& b) { return a.first < b.first; });
     for (const auto& [key, addCommands] : entries) addCommands(commandLine);
+}
+
+std::string counted(std::size_t count, std::string_view noun) {
+    return std::to_string(count) + " " + std::string(noun) + (count == 1 ? "" : "s");
 }
 
 int reportFailure(std::string_view line) { return report(line, exitFailure); }

@@ -160,8 +160,16 @@ struct ChangeRequest {
     bool confirmPackage = false;
     std::function<void(RuleChanger&, RuleChanger::Completion)> change;
     std::vector<std::string> detailLines;  // printed after the first line
-    std::string notFound = "no rule holds the domain";  // the failure when no rule holds it
+    // What a change of a domain that no rule holds says; undoing what is not
+    // there changes nothing, as doing again what is there changes nothing.
+    std::string notFound = "no rule holds the domain";
 };
+
+void printUnchanged(const ChangeRequest& request) {
+    printLine(fmt::format("{} {}: {}", request.verb, request.domain, model::rawValue(Change::unchanged)));
+    printLine(request.notFound);
+    printEffects({});
+}
 
 int runChange(DataManager& manager, const ChangeRequest& request) {
     RuleChanger changer(manager);
@@ -188,7 +196,8 @@ int runChange(DataManager& manager, const ChangeRequest& request) {
                 case RuleChanger::Failure::ruleNotBuilt:
                     return invalidDomain(request.domain, "Can't save rule: domain invalid");
                 case RuleChanger::Failure::domainNotFound:
-                    return reportFailure(request.notFound);
+                    printUnchanged(request);
+                    return exitSuccess;
             }
         }
         finishPendingExtensionWork();
@@ -214,6 +223,10 @@ int runChange(DataManager& manager, const ChangeRequest& request) {
     printLine(fmt::format("{} {}: {}", request.verb, request.domain, model::rawValue(**result)));
     for (const std::string& line : request.detailLines) printLine(line);
     if (prompt->confirmed()) printLine("enabled package: " + std::string(model::rawValue(*request.needsPackage)));
+    if (const auto leftToHost = rebuildLeftToHostApplication(); leftToHost && (**result != Change::unchanged || prompt->confirmed())) {
+        printLine("rebuilt: " + *leftToHost);
+        return exitSuccess;
+    }
     const Effects effects = since.collect();
     printEffects(effects);
     return effects.failures.empty() ? exitSuccess : exitFailure;

@@ -47,6 +47,11 @@ void installSubstituteHost() {
     control::ExtensionManager::shared();
 }
 
+std::optional<std::string> rebuildLeftToHostApplication() {
+    if (control::ExtensionManager::mayWrite()) return std::nullopt;
+    return "left to the host application, which is running";
+}
+
 bool finishPendingExtensionWork(std::chrono::milliseconds timeout) {
     return control::ExtensionManager::shared()->waitUntilIdle(timeout);
 }

@@ -57,6 +57,10 @@ struct LogRecord {
 
 using LogSink = std::function<void(const LogRecord&)>;
 
+// The text a stream shows for a record, without the newline:
+// "[error] [Download] ...", "[debug] ...", or a console line unchanged.
+std::string streamLine(const LogRecord& record);
+
 // Installs a sink that sees every record; while one is installed the records
 // still go to their streams unless `silence` is true. Returns the previous sink.
 LogSink setLogSink(LogSink sink, bool silence = false);

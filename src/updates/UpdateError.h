@@ -39,6 +39,8 @@ enum class ErrorCode {
     cachedCloudVersionNotAvailable,
     // Rebuilding or reloading the extensions after the install failed.
     reload,
+    // No filter server address is configured: nothing was asked.
+    noFilterServer,
 };
 
 struct Error {
@@ -60,9 +62,10 @@ struct Error {
 namespace tamsel::model {
 template <>
 struct RawValueTable<updates::ErrorCode> {
-    static constexpr std::array<std::string_view, 12> rawValues{
+    static constexpr std::array<std::string_view, 13> rawValues{
         "transport",       "httpStatus",           "fileSystem",         "backgroundAssets",
         "unzip",           "unsafeEntry",          "archiveTooLarge",    "manifestParsing",
-        "headerFieldsNotFound", "cloudVersionNotFound", "cachedCloudVersionNotAvailable", "reload"};
+        "headerFieldsNotFound", "cloudVersionNotFound", "cachedCloudVersionNotAvailable", "reload",
+        "noFilterServer"};
 };
 }  // namespace tamsel::model
