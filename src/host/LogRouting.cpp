@@ -13,17 +13,19 @@ namespace {
 
 class Routing {
 public:
-    Routing(std::filesystem::path path, bool verbose) : path_(std::move(path)), verbose_(verbose) {}
+    explicit Routing(bool verbose) : verbose_(verbose) {}
 
     // Runs under the log's own lock, so it writes directly instead of logging again.
     void write(const platform::LogRecord& record) {
         if (!opened_) {
+            // Only now: a command that logs nothing makes no data root.
             opened_ = true;
-            auto file = platform::LogFile::open(path_);
+            const std::filesystem::path path = logFilePath();
+            auto file = platform::LogFile::open(path);
             if (file) {
                 file_ = std::move(*file);
             } else if (verbose_) {
-                std::fprintf(stderr, "[debug] no log file %s: %s\n", path_.c_str(), file.error().c_str());
+                std::fprintf(stderr, "[debug] no log file %s: %s\n", path.c_str(), file.error().c_str());
             }
         }
         if (file_) file_->write(record);
@@ -31,7 +33,6 @@ public:
     }
 
 private:
-    const std::filesystem::path path_;
     const bool verbose_;
     bool opened_ = false;
     // Stays empty when the file cannot be opened: the lines are then only
@@ -44,7 +45,7 @@ private:
 std::filesystem::path logFilePath() { return platform::DataRoot::home() / "logs" / "tamsel.log"; }
 
 void routeLogLines(bool verbose) {
-    auto routing = std::make_shared<Routing>(logFilePath(), verbose);
+    auto routing = std::make_shared<Routing>(verbose);
     platform::setLogSink([routing](const platform::LogRecord& record) { routing->write(record); }, /*silence=*/true);
 }
 

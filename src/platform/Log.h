@@ -14,7 +14,9 @@
 //    is switched on.
 //
 // Every outlet writes whole lines under one lock, so lines of different
-// threads never interleave. Tests may install a sink to read what was written.
+// threads never interleave. Those are the streams while no sink is installed;
+// the tamsel program installs one that sends every line to its log file (and
+// to standard error only with -v), and tests install one to read the lines.
 namespace tamsel::platform {
 
 enum class LogLevel { debug, info, error };

@@ -191,6 +191,30 @@ tamsel site wikipedia.org
 expect_stdout_line "whitelisted: no"
 finish
 
+# ---------------------------------------------------------------- the host application
+
+fresh_home
+"$TAMSEL" --home "$DATA" extensions >/dev/null 2>&1
+begin "while the host application runs, a change is saved and its rebuild left to it"
+# The host application holds its lock file while it runs.
+flock -x "$DATA/group/host-application.lock" sleep 60 &
+holder=$!
+while flock -n -s "$DATA/group/host-application.lock" true; do sleep 0.05; done
+touch "$WORK/stamp"
+tamsel whitelist example.com
+expect_status 0
+expect_stderr_empty
+expect_stdout_line "whitelist example.com: created"
+expect_stdout_line "rebuilt: left to the host application, which is running"
+grep -qF '"example.com"' "$CONFIGURABLE" || problem "the package file lacks the rule"
+tamsel disable block-ads
+expect_status 0
+expect_stdout_line "rebuild: left to the host application, which is running"
+[ -z "$(find "$SAFARI_JSON" -newer "$WORK/stamp")" ] || problem "Safari JSON files were written"
+kill "$holder" 2>/dev/null
+wait "$holder" 2>/dev/null
+finish
+
 # ---------------------------------------------------------------- https / unhttps
 
 fresh_home
