@@ -197,7 +197,8 @@ fresh_home
 "$TAMSEL" --home "$DATA" extensions >/dev/null 2>&1
 begin "while the host application runs, a change is saved and its rebuild left to it"
 # The host application holds its lock file while it runs.
-flock -x "$DATA/group/host-application.lock" sleep 60 &
+# (exec: the process that holds the lock is the one killed below.)
+(exec 9>"$DATA/group/host-application.lock" && flock -x 9 && exec sleep 60) >/dev/null 2>&1 &
 holder=$!
 while flock -n -s "$DATA/group/host-application.lock" true; do sleep 0.05; done
 touch "$WORK/stamp"
