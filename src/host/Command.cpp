@@ -38,15 +38,17 @@ int report(std::string_view line, int status) { return writeError("tamsel: " + s
 }  // namespace
 
 CommandLine::CommandLine()
-    : app_("Tamsel content blocker: switch filter lists and site exceptions, compile and reload the Safari "
-           "content blockers, update the rules and read the blocking statistics",
+    : app_("Tamsel content blocker: filter lists, site exceptions, Safari's content blockers, rule updates "
+           "and blocking statistics from the command line",
            "tamsel") {
     // Subcommands inherit fallthrough, so global options may also follow them.
     app_.fallthrough();
     app_.set_version_flag("--version", std::string("tamsel ") + build::version, "Print the version and exit");
     app_.require_subcommand(1);
     app_.add_option("--home", options_.home, "Data root (default: $TAMSEL_HOME, else the XDG data folder)");
-    app_.add_flag("-v,--verbose", options_.verbose, "Write debug log lines");
+    app_.add_flag("-v,--verbose", options_.verbose,
+                  "Switch debug lines on and write the log lines on standard error too (they always go to "
+                  "logs/tamsel.log under the data root)");
     app_.add_flag("--json", options_.json, "Machine-readable output where a command prints data");
 }
 
