@@ -54,7 +54,10 @@ std::expected<void, std::string> copyShippedFiles() {
         if (hasPackageFile(name)) continue;
         const std::string file = model::fileName(name);
         auto bytes = platform::readFile(shipped / file);
-        if (!bytes) return std::unexpected("can't read the shipped " + (shipped / file).string() + ": " + bytes.error().message());
+        if (!bytes) {
+            return std::unexpected("can't read the shipped " + (shipped / file).string() + ": " +
+                                   bytes.error().message() + " (TAMSEL_RESOURCES names the folder that holds packages/)");
+        }
         const fs::path target = storage::PathProvider::filtersFolderURL() / file;
         if (auto written = platform::writeFileAtomically(target, *bytes); !written) {
             return std::unexpected("can't write " + target.string() + ": " + written.error().message());

@@ -161,6 +161,19 @@ cmp -s "$WORK/mine.json" "$FILTERS/block-ads.json" || problem "the user's block-
 finish
 
 rm -rf "$DATA"
+begin "without the shipped lists the first use fails with one line, and is tried again next time"
+TAMSEL_RESOURCES="$WORK/nowhere" tamsel packages
+expect_status 1
+expect_stdout_empty
+expect_stderr_lines 1
+expect_stderr_contains "tamsel: first use: can't read the shipped $WORK/nowhere/packages/block-ads.json"
+tamsel packages
+expect_status 0
+expect_stderr_empty
+[ -s "$FILTERS/block-ads.json" ] || problem "the second first use did not install the lists"
+finish
+
+rm -rf "$DATA"
 begin "programs starting together on a fresh data root do the first use once"
 pids=""
 for n in 1 2 3 4; do
