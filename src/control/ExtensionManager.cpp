@@ -283,11 +283,36 @@ void ExtensionManager::saveToJSONAndReloadAll(std::optional<ExtensionType> excep
     });
 }
 
+namespace {
+
+// A save operation whose start and end of work the configuration's observer hears of.
+class ObservedSaveReloadOperation final : public SaveReloadOperation {
+public:
+    template <class... Arguments>
+    ObservedSaveReloadOperation(std::function<void(ExtensionType, bool)> observer, ExtensionType extension,
+                                Arguments&&... arguments)
+        : SaveReloadOperation(extension, std::forward<Arguments>(arguments)...),
+          observer_(std::move(observer)),
+          extension_(extension) {}
+
+    void main() override {
+        if (observer_) observer_(extension_, true);
+        SaveReloadOperation::main();
+        if (observer_) observer_(extension_, false);
+    }
+
+private:
+    std::function<void(ExtensionType, bool)> observer_;
+    ExtensionType extension_;
+};
+
+}  // namespace
+
 void ExtensionManager::addSaveOperation(ExtensionType extension, ReloadingCompletion completion,
                                         std::function<void()> onSkipped) {
     std::weak_ptr<ExtensionManager> weak = weak_from_this();
-    auto operation = std::make_shared<SaveReloadOperation>(
-        extension, false, std::move(completion), dataManager(),
+    auto operation = std::make_shared<ObservedSaveReloadOperation>(
+        configuration_.saveObserver, extension, false, std::move(completion), dataManager(),
         [weak, onSkipped](ExtensionType type, ReloadingCompletion reloadCompletion) {
             // A newer save-all may drop the queued reload; the extension then
             // counts as skipped here, and the newer request reloads it.

@@ -59,6 +59,10 @@ public:
         std::function<void(std::chrono::steady_clock::duration delay, std::function<void()> block)> scheduleAfter;
         // Times the long actions.
         const platform::Clock* clock = nullptr;
+        // Told on the save queue's thread as each save operation starts
+        // (true) and ends (false) its work, so that tests can see how many
+        // run at once. Empty: nobody is told.
+        std::function<void(model::ExtensionType extension, bool started)> saveObserver;
     };
 
     static constexpr std::string_view saveQueueName = "Write Safari JSON";

@@ -1,7 +1,9 @@
 #include "host/Command.h"
 
-#include "host/ConsoleRouting.h"
+#include "host/FirstUse.h"
+#include "host/LogRouting.h"
 #include "host/SubstituteHost.h"
+#include "platform/BuildConfig.h"
 #include "platform/DataRoot.h"
 #include "platform/Log.h"
 
@@ -35,12 +37,18 @@ int report(std::string_view line, int status) { return writeError("tamsel: " + s
 
 }  // namespace
 
-CommandLine::CommandLine() : app_("The substitute Safari host of Tamsel Actions", "tamsel") {
+CommandLine::CommandLine()
+    : app_("Tamsel content blocker: filter lists, site exceptions, Safari's content blockers, rule updates "
+           "and blocking statistics from the command line",
+           "tamsel") {
     // Subcommands inherit fallthrough, so global options may also follow them.
     app_.fallthrough();
+    app_.set_version_flag("--version", std::string("tamsel ") + build::version, "Print the version and exit");
     app_.require_subcommand(1);
     app_.add_option("--home", options_.home, "Data root (default: $TAMSEL_HOME, else the XDG data folder)");
-    app_.add_flag("-v,--verbose", options_.verbose, "Write debug log lines");
+    app_.add_flag("-v,--verbose", options_.verbose,
+                  "Switch debug lines on and write the log lines on standard error too (they always go to "
+                  "logs/tamsel.log under the data root)");
     app_.add_flag("--json", options_.json, "Machine-readable output where a command prints data");
 }
 
@@ -53,12 +61,8 @@ CLI::App* CommandLine::group(const std::string& name, const std::string& descrip
     return created;
 }
 
-void CommandLine::setAction(CLI::App* command, CommandAction action) {
-    actions_.push_back({command, std::move(action), false});
-}
-
-void CommandLine::setWriterAction(CLI::App* command, CommandAction action) {
-    actions_.push_back({command, std::move(action), true});
+void CommandLine::setAction(CLI::App* command, CommandAction action, Preparation preparation) {
+    actions_.push_back({command, std::move(action), preparation});
 }
 
 int CommandLine::run(int argc, const char* const* argv) {
@@ -72,14 +76,16 @@ int CommandLine::run(int argc, const char* const* argv) {
     if (int status = applyGlobalOptions(); status != exitSuccess) return status;
     const Registered* chosen = chosenAction();
     if (chosen == nullptr) return reportUsageError("no command given (see tamsel --help)");
+    routeLogLines(options_.verbose);
     installSubstituteHost();
-    // Standard output belongs to the commands' own results; the product's
-    // console lines (compile and reload traces among them) go to standard
-    // error with -v and nowhere otherwise.
-    ConsoleToStandardError productLines(options_.verbose);
     int status = exitSuccess;
     try {
-        if (chosen->writes) startWriter();
+        if (chosen->preparation != Preparation::none) {
+            const auto prepared = prepareDataRootOnFirstUse();
+            if (!prepared) return reportFailure("first use: " + prepared.error());
+            if (prepared->compileFailure) reportFailure("first use: compiling failed: " + *prepared->compileFailure);
+        }
+        if (chosen->preparation == Preparation::writer) startWriter();
         status = chosen->action();
     } catch (const std::exception& error) {
         status = reportFailure(error.what());
@@ -143,6 +149,10 @@ void CommandRegistration::addAll(CommandLine& commandLine) {
     std::stable_sort(entries.begin(), entries.end(),
                      [](const auto& a, const auto& b) { return a.first < b.first; });
     for (const auto& [key, addCommands] : entries) addCommands(commandLine);
+}
+
+std::string counted(std::size_t count, std::string_view noun) {
+    return std::to_string(count) + " " + std::string(noun) + (count == 1 ? "" : "s");
 }
 
 int reportFailure(std::string_view line) { return report(line, exitFailure); }

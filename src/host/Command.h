@@ -23,7 +23,10 @@
 //     }  // namespace
 //
 // Actions run after the whole command line has been parsed and the global
-// options have taken effect (data root chosen, debug logs switched on).
+// options have taken effect (data root chosen, log lines routed, debug logs
+// switched on). A command writes its result on standard output and, when it
+// fails, one line on standard error (reportFailure); the product's log lines
+// go to the log file, and with -v to standard error (host/LogRouting.h).
 namespace tamsel::host {
 
 inline constexpr int exitSuccess = 0;
@@ -41,6 +44,14 @@ struct GlobalOptions {
 // The body of a command; returns the exit status.
 using CommandAction = std::function<int()>;
 
+// What a command needs done before it runs. Most commands read packages or
+// drive Safari and need the data root's first use done (host/FirstUse.h);
+// those that change packages, preferences or Safari JSON files also start as
+// writers (startWriter in host/SubstituteHost.h); those that only read files
+// they are given, the key-value stores or the blocked-resource history need
+// nothing.
+enum class Preparation { firstUse, writer, none };
+
 class CommandLine {
 public:
     CommandLine();
@@ -52,12 +63,9 @@ public:
     // use, so that several files can add subcommands to one group.
     CLI::App* group(const std::string& name, const std::string& description);
 
-    // When `command` is the last subcommand on the command line, `action` runs.
-    void setAction(CLI::App* command, CommandAction action);
-    // The same for a command that changes packages, preferences or Safari
-    // JSON files: before its action runs, the process starts as a writer
-    // (startWriter in SubstituteHost.h).
-    void setWriterAction(CLI::App* command, CommandAction action);
+    // When `command` is the last subcommand on the command line, `action` runs,
+    // after `preparation`.
+    void setAction(CLI::App* command, CommandAction action, Preparation preparation = Preparation::firstUse);
 
     // Parses, applies the global options and runs the chosen action.
     int run(int argc, const char* const* argv);
@@ -66,7 +74,7 @@ private:
     struct Registered {
         CLI::App* command;
         CommandAction action;
-        bool writes;
+        Preparation preparation;
     };
 
     int applyGlobalOptions();
@@ -89,6 +97,9 @@ public:
     // Every registration made so far, sorted by key.
     static void addAll(CommandLine& commandLine);
 };
+
+// "1 package", "2 packages": `noun` with an "s" unless `count` is 1.
+std::string counted(std::size_t count, std::string_view noun);
 
 // Writes "tamsel: <line>" on standard error and returns exitFailure.
 int reportFailure(std::string_view line);

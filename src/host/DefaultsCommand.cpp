@@ -176,19 +176,22 @@ void addDefaultsCommands(CommandLine& commandLine) {
     // so everything from KEY on is left unparsed and read by runWrite.
     write->prefix_command();
     write->fallthrough(false);
-    commandLine.setAction(write, [writeOptions, write] { return runWrite(*writeOptions, write->remaining()); });
+    commandLine.setAction(
+        write, [writeOptions, write] { return runWrite(*writeOptions, write->remaining()); }, Preparation::none);
 
     auto readOptions = std::make_shared<KeyOptions>();
     CLI::App* read = defaults->add_subcommand("read", "Print a key's value, or the whole store as JSON");
     addStoreOption(read, readOptions->store);
     read->add_option("KEY", readOptions->key, "The key; without it the whole store");
-    commandLine.setAction(read, [readOptions, &commandLine] { return runRead(*readOptions, commandLine.options()); });
+    commandLine.setAction(
+        read, [readOptions, &commandLine] { return runRead(*readOptions, commandLine.options()); },
+        Preparation::none);
 
     auto deleteOptions = std::make_shared<KeyOptions>();
     CLI::App* remove = defaults->add_subcommand("delete", "Remove a key");
     addStoreOption(remove, deleteOptions->store);
     remove->add_option("KEY", deleteOptions->key, "The key")->required();
-    commandLine.setAction(remove, [deleteOptions] { return runDelete(*deleteOptions); });
+    commandLine.setAction(remove, [deleteOptions] { return runDelete(*deleteOptions); }, Preparation::none);
 }
 
 const CommandRegistration registration{"defaults", addDefaultsCommands};

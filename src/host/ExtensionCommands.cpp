@@ -301,13 +301,13 @@ void addExtensionCommands(CommandLine& commandLine) {
     CLI::App* compileCommand =
         app.add_subcommand("compile", "Rebuild the Safari JSON files of extensions and reload them (all when none named)");
     compileCommand->add_option("EXT", *compileNames, "Extensions by raw value, e.g. block-ads");
-    commandLine.setWriterAction(compileCommand, [compileNames, &global] { return compile(*compileNames, global.json); });
+    commandLine.setAction(compileCommand, [compileNames, &global] { return compile(*compileNames, global.json); }, Preparation::writer);
 
     auto reloadNames = std::make_shared<std::vector<std::string>>();
     CLI::App* reloadCommand =
         app.add_subcommand("reload", "Reload extensions from their Safari JSON files as they are (all when none named)");
     reloadCommand->add_option("EXT", *reloadNames, "Extensions by raw value, e.g. block-ads");
-    commandLine.setWriterAction(reloadCommand, [reloadNames, &global] { return reload(*reloadNames, global.json); });
+    commandLine.setAction(reloadCommand, [reloadNames, &global] { return reload(*reloadNames, global.json); }, Preparation::writer);
 
     CLI::App* listCommand =
         app.add_subcommand("extensions", "Each extension's Safari state, file, entry count and last reload");

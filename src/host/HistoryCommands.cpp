@@ -1,5 +1,5 @@
 // tamsel report-blocked --page URL --extension EXT URL...   record what a content blocker blocked on a page
-// tamsel stats [--period today|week|all]                  the blocking statistics of a period
+// tamsel stats [--period today|thisWeek|allTime]         the blocking statistics of a period
 // tamsel history PAGE_URL                                 what was blocked on a page, by content blocker
 //
 // A command-line process holds no open pages, so a page is known by its URL:
@@ -228,11 +228,15 @@ int runReportBlocked(const ReportOptions& options, const GlobalOptions& global) 
 
 // --- stats -----------------------------------------------------------------------------
 
+// The periods by the names of the statistics' JSON; "week" and "all" are
+// short for the last two.
 const std::map<std::string, HistoryPeriodType> periodNames{
-    {"today", HistoryPeriodType::today}, {"week", HistoryPeriodType::thisWeek}, {"all", HistoryPeriodType::allTime}};
+    {"today", HistoryPeriodType::today},   {"thisWeek", HistoryPeriodType::thisWeek},
+    {"allTime", HistoryPeriodType::allTime}, {"week", HistoryPeriodType::thisWeek},
+    {"all", HistoryPeriodType::allTime}};
 
 struct StatsOptions {
-    std::string period = "all";
+    std::string period = "allTime";
     std::string now;
 };
 
@@ -433,23 +437,28 @@ void addHistoryCommands(CommandLine& commandLine) {
         ->required();
     reportCommand->add_option("URL", report->urls, "The blocked resources")->required();
     addNowOption(reportCommand, report->now);
-    commandLine.setAction(reportCommand, [report, &commandLine] {
-        return runReportBlocked(*report, commandLine.options());
-    });
+    commandLine.setAction(
+        reportCommand, [report, &commandLine] { return runReportBlocked(*report, commandLine.options()); },
+        Preparation::none);
 
     auto stats = std::make_shared<StatsOptions>();
     CLI::App* statsCommand = app.add_subcommand(
         "stats", "The blocking statistics: the three totals, the period's category counters and its chart");
-    statsCommand->add_option("--period", stats->period, "today, week or all (default)")
-        ->check(CLI::IsMember({"today", "week", "all"}));
+    statsCommand
+        ->add_option("--period", stats->period,
+                     "today, thisWeek or allTime (default); week and all are short for the last two")
+        ->check(CLI::IsMember({"today", "thisWeek", "allTime", "week", "all"}));
     addNowOption(statsCommand, stats->now);
-    commandLine.setAction(statsCommand, [stats, &commandLine] { return runStats(*stats, commandLine.options()); });
+    commandLine.setAction(
+        statsCommand, [stats, &commandLine] { return runStats(*stats, commandLine.options()); }, Preparation::none);
 
     auto pageURL = std::make_shared<std::string>();
     CLI::App* historyCommand =
         app.add_subcommand("history", "The resources blocked on a page, grouped by content blocker");
     historyCommand->add_option("PAGE_URL", *pageURL, "The page's URL")->required();
-    commandLine.setAction(historyCommand, [pageURL, &commandLine] { return runHistory(*pageURL, commandLine.options()); });
+    commandLine.setAction(
+        historyCommand, [pageURL, &commandLine] { return runHistory(*pageURL, commandLine.options()); },
+        Preparation::none);
 }
 
 const CommandRegistration registration{"history", addHistoryCommands};

@@ -19,8 +19,8 @@
 #include "control/DataManager.h"
 #include "control/PackageImport.h"
 #include "host/Command.h"
-#include "host/ConsoleRouting.h"
 #include "host/InputFile.h"
+#include "host/SubstituteHost.h"
 #include "model/JSONCoding.h"
 #include "platform/Files.h"
 #include "platform/MainRunLoop.h"
@@ -139,8 +139,6 @@ std::string rowsJSON(const std::vector<PackageRow>& rows) {
 }
 
 int runPackages(const GlobalOptions& global) {
-    // Reading files and preferences logs on the console; standard output is data.
-    ConsoleToStandardError console(global.verbose);
     const auto rows = packageRows(loadedDataManager());
     if (global.json) {
         printLine(rowsJSON(rows));
@@ -158,7 +156,6 @@ int runPackages(const GlobalOptions& global) {
 // --- enable / disable ---------------------------------------------------------------
 
 int runSwitch(const std::string& identifier, bool disable, const GlobalOptions& global) {
-    ConsoleToStandardError console(global.verbose);
     DataManager& manager = loadedDataManager();
     const auto package = findPackage(manager, identifier);
     if (!package) return reportFailure("no package with identifier " + identifier);
@@ -170,6 +167,7 @@ int runSwitch(const std::string& identifier, bool disable, const GlobalOptions& 
     platform::MainRunLoop::drain();
 
     const auto rebuilt = rebuilds.rebuilt();
+    const auto leftToHost = rebuildLeftToHostApplication();
     if (global.json) {
         rapidjson::StringBuffer buffer;
         rapidjson::Writer<rapidjson::StringBuffer> writer(buffer);
@@ -182,19 +180,20 @@ int runSwitch(const std::string& identifier, bool disable, const GlobalOptions& 
         writer.StartArray();
         for (const auto& name : rebuilt) writeString(writer, name);
         writer.EndArray();
+        writer.Key("rebuildLeftToHostApplication");
+        writer.Bool(leftToHost.has_value());
         writer.EndObject();
         printLine(buffer.GetString());
     } else {
         printLine(fmt::format("{}: {}", identifier, disable ? "disabled" : "enabled"));
-        printLine(fmt::format("rebuild: {}", fmt::join(rebuilt, " ")));
+        printLine(leftToHost ? "rebuild: " + *leftToHost : fmt::format("rebuild: {}", fmt::join(rebuilt, " ")));
     }
     return exitSuccess;
 }
 
 // --- export -------------------------------------------------------------------------------
 
-int runExport(const std::string& identifier, const std::optional<std::string>& to, const GlobalOptions& global) {
-    ConsoleToStandardError console(global.verbose);
+int runExport(const std::string& identifier, const std::optional<std::string>& to) {
     const std::filesystem::path path = to ? std::filesystem::path(*to) : storage::PersistentStore::sharedPackagesPath();
     // Only a regular file is replaced: not a FIFO, a device or a link that
     // happens to be where the user pointed. (The write checks again.)
@@ -217,30 +216,23 @@ bool isWhitelistRule(const model::Rule& rule) {
     return rule.blocker.action.type == model::ActionType::ignorePreviousRules;
 }
 
-int runImport(const std::string& file, const GlobalOptions& global) {
+int runImport(const std::string& file) {
     auto bytes = loadInputFile(file);
     if (!bytes) return reportFailure(file + ": " + bytes.error());
-    std::optional<model::Decoded<model::PackageFile>> decoded;
-    std::optional<std::string> refusal;
-    DataManager* loaded = nullptr;
-    {
-        // Decoding names its errors on the console; the reason is reported below.
-        ConsoleToStandardError console(global.verbose);
-        decoded = model::decodePackageFile(*bytes);
-        // The whole file or nothing: checked before any package goes in.
-        if (*decoded) refusal = control::importRefusal((*decoded)->packages);
-        if (*decoded && !refusal) loaded = &loadedDataManager();
+    const auto decoded = model::decodePackageFile(*bytes);
+    if (!decoded) return reportFailure(file + ": " + decoded.error().description);
+    // The whole file or nothing: checked before any package goes in.
+    if (auto refusal = control::importRefusal(decoded->packages)) {
+        return reportFailure(file + ": nothing imported: " + *refusal);
     }
-    if (!*decoded) return reportFailure(file + ": " + decoded->error().description);
-    if (refusal) return reportFailure(file + ": nothing imported: " + *refusal);
 
-    DataManager& manager = *loaded;
+    DataManager& manager = loadedDataManager();
     // Merged into the custom packages as they are on disk, and saved before
     // any other program changes them.
     std::optional<DataManager::Editing> editing(std::in_place, manager);
     bool whitelistChanged = false;
     std::size_t imported = 0;
-    for (const Package& package : (*decoded)->packages) {
+    for (const Package& package : decoded->packages) {
         const auto custom = manager.customPackages();
         const bool existed = std::any_of(custom.begin(), custom.end(),
                                          [&](const Package& held) { return held.id == package.id; });
@@ -270,7 +262,8 @@ int runImport(const std::string& file, const GlobalOptions& global) {
     }
     printLine(fmt::format("imported {} package{} into {}", imported, imported == 1 ? "" : "s",
                           model::fileName(model::JSONFileName::blockCustom)));
-    printLine(fmt::format("rebuild: {}", fmt::join(rebuilds.rebuilt(), " ")));
+    const auto leftToHost = rebuildLeftToHostApplication();
+    printLine(leftToHost ? "rebuild: " + *leftToHost : fmt::format("rebuild: {}", fmt::join(rebuilds.rebuilt(), " ")));
     return exitSuccess;
 }
 
@@ -289,9 +282,9 @@ void addPackagesCommands(CommandLine& commandLine) {
                                                disable ? "Switch a package off and rebuild its extensions"
                                                        : "Switch a package on and rebuild its extensions");
         command->add_option("PACKAGE_ID", *identifier, "The package's identifier")->required();
-        commandLine.setWriterAction(command, [identifier, disable, &commandLine] {
+        commandLine.setAction(command, [identifier, disable, &commandLine] {
             return runSwitch(*identifier, disable, commandLine.options());
-        });
+        }, Preparation::writer);
     }
 
     struct ExportOptions {
@@ -302,14 +295,13 @@ void addPackagesCommands(CommandLine& commandLine) {
     CLI::App* exportCommand = app.add_subcommand("export", "Write one package to a file for sharing");
     exportCommand->add_option("PACKAGE_ID", exportOptions->identifier, "The package's identifier")->required();
     exportCommand->add_option("--to", exportOptions->to, "Where to write (default: Documents/Rules.tmsl)");
-    commandLine.setAction(exportCommand, [exportOptions, &commandLine] {
-        return runExport(exportOptions->identifier, exportOptions->to, commandLine.options());
-    });
+    commandLine.setAction(exportCommand,
+                          [exportOptions] { return runExport(exportOptions->identifier, exportOptions->to); });
 
     auto importFile = std::make_shared<std::string>();
     CLI::App* importCommand = app.add_subcommand("import", "Add the packages of a shared file as custom packages");
     importCommand->add_option("FILE", *importFile, "A shared package file")->required();
-    commandLine.setWriterAction(importCommand, [importFile, &commandLine] { return runImport(*importFile, commandLine.options()); });
+    commandLine.setAction(importCommand, [importFile] { return runImport(*importFile); }, Preparation::writer);
 }
 
 const CommandRegistration registration{"packages", addPackagesCommands};

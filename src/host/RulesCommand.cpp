@@ -9,7 +9,6 @@
 #include <vector>
 
 #include "host/Command.h"
-#include "host/ConsoleRouting.h"
 #include "host/InputFile.h"
 #include "model/JSONCoding.h"
 #include "platform/ContentRuleListValidator.h"
@@ -104,16 +103,13 @@ std::string resultsJSON(const std::vector<CheckResult>& results) {
 
 int runCheck(const CheckOptions& options, const GlobalOptions& global) {
     std::vector<CheckResult> results;
-    {
-        const ConsoleToStandardError quiet(global.verbose);
-        for (const auto& path : options.paths) results.push_back(check(path, options));
-    }
+    for (const auto& path : options.paths) results.push_back(check(path, options));
     bool allPassed = true;
     for (const auto& result : results) {
         if (result.ok) {
             if (!global.json) {
-                std::printf("OK %s: %zu packages, %zu rules\n", result.path.c_str(), result.packages,
-                            result.rules);
+                std::printf("OK %s: %s, %s\n", result.path.c_str(), counted(result.packages, "package").c_str(),
+                            counted(result.rules, "rule").c_str());
             }
         } else {
             allPassed = false;
@@ -130,17 +126,12 @@ struct PrintOptions {
     std::uintmax_t maximumSize = defaultMaximumInputSize;
 };
 
-int runPrint(const PrintOptions& options, const GlobalOptions& global) {
-    std::string output;
-    {
-        const ConsoleToStandardError quiet(global.verbose);
-        auto bytes = loadInputFile(options.path, options.maximumSize);
-        if (!bytes) return reportFailure(options.path + ": " + bytes.error());
-        const auto decoded = model::decodePackageFile(*bytes);
-        if (!decoded) return reportFailure(options.path + ": " + decoded.error().description);
-        output = model::encodePackageFile(*decoded);
-    }
-    output += '\n';
+int runPrint(const PrintOptions& options) {
+    auto bytes = loadInputFile(options.path, options.maximumSize);
+    if (!bytes) return reportFailure(options.path + ": " + bytes.error());
+    const auto decoded = model::decodePackageFile(*bytes);
+    if (!decoded) return reportFailure(options.path + ": " + decoded.error().description);
+    std::string output = model::encodePackageFile(*decoded) + '\n';
     if (std::fwrite(output.data(), 1, output.size(), stdout) != output.size() || std::fflush(stdout) != 0) {
         return reportFailure("cannot write to standard output");
     }
@@ -159,18 +150,18 @@ void addRulesCommands(CommandLine& commandLine) {
     check->add_option("--max-size", checkOptions->maximumSize, "Refuse files larger than this many bytes")
         ->check(atLeastOneByte);
     check->add_flag("--safari", checkOptions->safari, "Also refuse entries that Safari would not load");
-    commandLine.setAction(check, [checkOptions, &commandLine] {
-        return runCheck(*checkOptions, commandLine.options());
-    });
+    commandLine.setAction(
+        check, [checkOptions, &commandLine] { return runCheck(*checkOptions, commandLine.options()); },
+        Preparation::none);
 
     auto printOptions = std::make_shared<PrintOptions>();
     CLI::App* print = rules->add_subcommand("print", "Decode a package file and write it back as compact JSON");
     print->add_option("FILE", printOptions->path, "Package file")->required();
     print->add_option("--max-size", printOptions->maximumSize, "Refuse files larger than this many bytes")
         ->check(atLeastOneByte);
-    commandLine.setAction(print, [printOptions, &commandLine] {
-        return runPrint(*printOptions, commandLine.options());
-    });
+    commandLine.setAction(
+        print, [printOptions] { return runPrint(*printOptions); },
+        Preparation::none);
 }
 
 const CommandRegistration registration{"rules", addRulesCommands};

@@ -10,6 +10,7 @@
 // JSON files were rewritten and which extensions Safari reloaded.
 #include <rapidjson/stringbuffer.h>
 #include <rapidjson/writer.h>
+#include <sys/stat.h>
 
 #include <fmt/format.h>
 
@@ -35,6 +36,7 @@
 #include "storage/ExtensionReloading.h"
 #include "storage/PackagePreferences.h"
 #include "storage/PathProvider.h"
+#include "ui/SiteState.h"
 
 namespace tamsel::host {
 namespace {
@@ -46,6 +48,7 @@ using control::RuleChanger;
 using model::ConfigurableType;
 using model::ExtensionType;
 using Change = RuleChanger::Change;
+using Whitelisting = ui::SiteState::Whitelisting;
 
 constexpr auto changeTimeout = std::chrono::minutes(10);
 
@@ -132,10 +135,32 @@ struct Effects {
     std::vector<std::string> failures;
 };
 
+// A Safari JSON file as it stands: every write replaces the file (a new
+// inode), so a file whose identity changed was written. Comparing times
+// alone would miss writes in the first milliseconds: the file system stamps
+// files with a clock that may lag behind the one we read.
+struct FileIdentity {
+    ino_t inode = 0;
+    struct timespec modified {};
+
+    static std::optional<FileIdentity> of(const std::filesystem::path& path) {
+        struct stat status {};
+        if (::stat(path.c_str(), &status) != 0) return std::nullopt;
+        return FileIdentity{status.st_ino, status.st_mtim};
+    }
+    friend bool operator==(const FileIdentity& a, const FileIdentity& b) {
+        return a.inode == b.inode && a.modified.tv_sec == b.modified.tv_sec &&
+               a.modified.tv_nsec == b.modified.tv_nsec;
+    }
+};
+
 class EffectsSince {
 public:
-    EffectsSince()
-        : files_(std::filesystem::file_time_type::clock::now()), reloads_(std::chrono::system_clock::now()) {}
+    EffectsSince() : reloads_(std::chrono::system_clock::now()) {
+        for (ExtensionType type : model::allCases<ExtensionType>()) {
+            files_.push_back(FileIdentity::of(storage::PathProvider::safariJSONFilePath(type)));
+        }
+    }
 
     Effects collect() const {
         auto safari = platform::LocalContentBlockerManager::open(
@@ -145,11 +170,12 @@ public:
                 return storage::PathProvider::safariJSONFilePath(*type);
             });
         Effects effects;
+        std::size_t index = 0;
         for (ExtensionType type : model::allCases<ExtensionType>()) {
             const std::string name(model::rawValue(type));
-            std::error_code error;
-            const auto written = std::filesystem::last_write_time(storage::PathProvider::safariJSONFilePath(type), error);
-            if (!error && written >= files_) effects.rebuilt.push_back(name);
+            const auto now = FileIdentity::of(storage::PathProvider::safariJSONFilePath(type));
+            if (now && now != files_[index]) effects.rebuilt.push_back(name);
+            ++index;
             const auto last = safari->lastReload(ExtensionManager::extensionID(type));
             if (!last || last->date < reloads_) continue;
             if (last->error) {
@@ -162,7 +188,7 @@ public:
     }
 
 private:
-    std::filesystem::file_time_type files_;
+    std::vector<std::optional<FileIdentity>> files_;
     std::chrono::system_clock::time_point reloads_;
 };
 
@@ -181,8 +207,16 @@ struct ChangeRequest {
     bool confirmPackage = false;
     std::function<void(RuleChanger&, RuleChanger::Completion)> change;
     std::vector<std::string> detailLines;  // printed after the first line
-    std::string notFound = "no rule holds the domain";  // the failure when no rule holds it
+    // What a change of a domain that no rule holds says; undoing what is not
+    // there changes nothing, as doing again what is there changes nothing.
+    std::string notFound = "no rule holds the domain";
 };
+
+void printUnchanged(const ChangeRequest& request) {
+    printLine(fmt::format("{} {}: {}", request.verb, request.domain, model::rawValue(Change::unchanged)));
+    printLine(request.notFound);
+    printEffects({});
+}
 
 int runChange(DataManager& manager, const ChangeRequest& request) {
     RuleChanger changer(manager);
@@ -209,7 +243,8 @@ int runChange(DataManager& manager, const ChangeRequest& request) {
                 case RuleChanger::Failure::ruleNotBuilt:
                     return invalidDomain(request.domain, "Can't save rule: domain invalid");
                 case RuleChanger::Failure::domainNotFound:
-                    return reportFailure(request.notFound);
+                    printUnchanged(request);
+                    return exitSuccess;
             }
         }
         finishPendingExtensionWork();
@@ -235,6 +270,10 @@ int runChange(DataManager& manager, const ChangeRequest& request) {
     printLine(fmt::format("{} {}: {}", request.verb, request.domain, model::rawValue(**result)));
     for (const std::string& line : request.detailLines) printLine(line);
     if (prompt->confirmed()) printLine("enabled package: " + std::string(model::rawValue(*request.needsPackage)));
+    if (const auto leftToHost = rebuildLeftToHostApplication(); leftToHost && (**result != Change::unchanged || prompt->confirmed())) {
+        printLine("rebuilt: " + *leftToHost);
+        return exitSuccess;
+    }
     const Effects effects = since.collect();
     printEffects(effects);
     return effects.failures.empty() ? exitSuccess : exitFailure;
@@ -340,52 +379,7 @@ int runPause(bool pause) {
 
 // --- site ----------------------------------------------------------------------------------------------------
 
-struct SiteState {
-    std::string domain;
-    std::optional<model::Rule> whitelistRule;
-    bool whitelistRuleOn = false;
-    bool whitelistPackageOn = true;
-    std::optional<model::Rule> httpsRule;
-    bool forcedHttps = false;
-    bool httpsPackageOn = true;
-    bool paused = false;
-    std::int64_t minutesLeft = 0;
-    bool pauseEnded = false;
-
-    bool whitelisted() const { return whitelistRule && whitelistRuleOn && whitelistPackageOn; }
-    bool httpsInEffect() const { return forcedHttps && httpsPackageOn; }
-    std::vector<std::string> whitelistedIn() const {
-        if (!whitelisted()) return {};
-        if (!whitelistRule->partialWhitelist.empty()) return rawValues(whitelistRule->partialWhitelist);
-        const auto all = model::allCases<ExtensionType>();
-        return rawValues({all.begin(), all.end()});
-    }
-};
-
-SiteState siteState(const std::string& domain) {
-    SiteState state;
-    state.domain = domain;
-    DataManager& manager = loadedDataManager();
-    RuleChanger changer(manager);
-    // Showing the popover ends a pause whose hour is over.
-    state.pauseEnded = PauseStatus::endPauseIfExpired([] { ExtensionManager::shared()->reloadAllWithoutSaving({}); });
-    state.paused = PauseStatus::isPaused();
-    state.minutesLeft = PauseStatus::minutesLeft();
-
-    state.whitelistRule = changer.whitelistRule(domain);
-    if (const auto package = changer.configurablePackage(ConfigurableType::whitelist)) {
-        state.whitelistPackageOn = !storage::isDisabled(*package);
-        state.whitelistRuleOn = state.whitelistRule && !storage::isDisabled(*state.whitelistRule, *package);
-    }
-    state.httpsRule = changer.makeHttpsRule(domain);
-    state.forcedHttps = changer.isDomainForcedHttps(domain);
-    if (const auto package = changer.configurablePackage(ConfigurableType::makeHttps)) {
-        state.httpsPackageOn = !storage::isDisabled(*package);
-    }
-    return state;
-}
-
-std::string siteJSON(const SiteState& state) {
+std::string siteJSON(const ui::SiteState& state) {
     rapidjson::StringBuffer buffer;
     rapidjson::Writer<rapidjson::StringBuffer> writer(buffer);
     const auto string = [&writer](const std::string& text) {
@@ -398,27 +392,28 @@ std::string siteJSON(const SiteState& state) {
             writer.Null();
         }
     };
+    const auto whitelisting = state.whitelisting();
     writer.StartObject();
     writer.Key("domain");
     string(state.domain);
     writer.Key("whitelisted");
-    writer.Bool(state.whitelisted());
+    writer.Bool(whitelisting == Whitelisting::fully || whitelisting == Whitelisting::partially);
     writer.Key("whitelistedIn");
     writer.StartArray();
-    for (const std::string& name : state.whitelistedIn()) string(name);
+    for (const std::string& name : rawValues(state.whitelistedIn())) string(name);
     writer.EndArray();
     writer.Key("whitelistRule");
     ruleID(state.whitelistRule);
     writer.Key("whitelistRuleEnabled");
-    writer.Bool(state.whitelistRuleOn);
+    writer.Bool(state.whitelistRuleEnabled);
     writer.Key("whitelistPackageEnabled");
-    writer.Bool(state.whitelistPackageOn);
+    writer.Bool(state.whitelistPackageEnabled);
     writer.Key("forcedHttps");
-    writer.Bool(state.httpsInEffect());
+    writer.Bool(state.https() == ui::SiteState::Https::forced);
     writer.Key("httpsRule");
     ruleID(state.httpsRule);
     writer.Key("makeHttpsPackageEnabled");
-    writer.Bool(state.httpsPackageOn);
+    writer.Bool(state.makeHttpsPackageEnabled);
     writer.Key("paused");
     writer.Bool(state.paused);
     writer.Key("minutesLeft");
@@ -427,25 +422,28 @@ std::string siteJSON(const SiteState& state) {
     return buffer.GetString();
 }
 
-void printSite(const SiteState& state) {
+void printSite(const ui::SiteState& state) {
     printLine("domain: " + state.domain);
-    if (state.whitelisted()) {
-        const bool everywhere = state.whitelistRule->partialWhitelist.empty();
-        printLine(fmt::format("whitelisted: yes, in {} (rule {})",
-                              everywhere ? "all extensions" : joined(state.whitelistedIn()), state.whitelistRule->id));
-    } else if (state.whitelistRule && !state.whitelistRuleOn) {
-        printLine(fmt::format("whitelisted: no (rule {} is switched off)", state.whitelistRule->id));
-    } else if (state.whitelistRule) {
-        printLine("whitelisted: no (the whitelist package is switched off)");
-    } else {
-        printLine("whitelisted: no");
+    switch (state.whitelisting()) {
+        case Whitelisting::fully:
+            printLine(fmt::format("whitelisted: yes, in all extensions (rule {})", state.whitelistRule->id));
+            break;
+        case Whitelisting::partially:
+            printLine(fmt::format("whitelisted: yes, in {} (rule {})", joined(rawValues(state.whitelistedIn())),
+                                  state.whitelistRule->id));
+            break;
+        case Whitelisting::ruleOff:
+            printLine(fmt::format("whitelisted: no (rule {} is switched off)", state.whitelistRule->id));
+            break;
+        case Whitelisting::packageOff: printLine("whitelisted: no (the whitelist package is switched off)"); break;
+        case Whitelisting::no: printLine("whitelisted: no"); break;
     }
-    if (state.httpsInEffect()) {
-        printLine(fmt::format("forced HTTPS: yes (rule {})", state.httpsRule->id));
-    } else if (state.forcedHttps) {
-        printLine("forced HTTPS: no (the make-https package is switched off)");
-    } else {
-        printLine("forced HTTPS: no");
+    switch (state.https()) {
+        case ui::SiteState::Https::forced:
+            printLine(fmt::format("forced HTTPS: yes (rule {})", state.httpsRule->id));
+            break;
+        case ui::SiteState::Https::packageOff: printLine("forced HTTPS: no (the make-https package is switched off)"); break;
+        case ui::SiteState::Https::no: printLine("forced HTTPS: no"); break;
     }
     if (state.paused) {
         printLine(fmt::format("paused: yes, {} minutes left", state.minutesLeft));
@@ -457,7 +455,7 @@ void printSite(const SiteState& state) {
 int runSite(const std::string& host, const GlobalOptions& global) {
     const auto domain = model::domainForHost(host);
     if (!domain) return invalidDomain(host);
-    const SiteState state = siteState(*domain);
+    const ui::SiteState state = ui::SiteState::read(loadedDataManager(), *domain);
     if (global.json) {
         printLine(siteJSON(state));
     } else {
@@ -478,12 +476,12 @@ void addSiteCommands(CommandLine& commandLine) {
         ->delimiter(',');
     whitelistCommand->add_flag("--enable-package", whitelist->enablePackage,
                                "Switch the whitelist package on when it is off");
-    commandLine.setWriterAction(whitelistCommand, [whitelist] { return runWhitelist(*whitelist); });
+    commandLine.setAction(whitelistCommand, [whitelist] { return runWhitelist(*whitelist); }, Preparation::writer);
 
     auto unwhitelistHost = std::make_shared<std::string>();
     CLI::App* unwhitelistCommand = app.add_subcommand("unwhitelist", "Switch blocking back on for a site");
     unwhitelistCommand->add_option("DOMAIN", *unwhitelistHost, "The page's host")->required();
-    commandLine.setWriterAction(unwhitelistCommand, [unwhitelistHost] { return runUnwhitelist(*unwhitelistHost); });
+    commandLine.setAction(unwhitelistCommand, [unwhitelistHost] { return runUnwhitelist(*unwhitelistHost); }, Preparation::writer);
 
     struct HttpsOptions {
         std::string host;
@@ -493,17 +491,17 @@ void addSiteCommands(CommandLine& commandLine) {
     CLI::App* httpsCommand = app.add_subcommand("https", "Force HTTPS on a site");
     httpsCommand->add_option("DOMAIN", https->host, "The page's host")->required();
     httpsCommand->add_flag("--enable-package", https->enablePackage, "Switch the make-https package on when it is off");
-    commandLine.setWriterAction(httpsCommand, [https] { return runHttps(https->host, https->enablePackage); });
+    commandLine.setAction(httpsCommand, [https] { return runHttps(https->host, https->enablePackage); }, Preparation::writer);
 
     auto unhttpsHost = std::make_shared<std::string>();
     CLI::App* unhttpsCommand = app.add_subcommand("unhttps", "Stop forcing HTTPS on a site");
     unhttpsCommand->add_option("DOMAIN", *unhttpsHost, "The page's host")->required();
-    commandLine.setWriterAction(unhttpsCommand, [unhttpsHost] { return runUnhttps(*unhttpsHost); });
+    commandLine.setAction(unhttpsCommand, [unhttpsHost] { return runUnhttps(*unhttpsHost); }, Preparation::writer);
 
     CLI::App* pauseCommand = app.add_subcommand("pause", "Pause all blocking for an hour");
-    commandLine.setWriterAction(pauseCommand, [] { return runPause(true); });
+    commandLine.setAction(pauseCommand, [] { return runPause(true); }, Preparation::writer);
     CLI::App* resumeCommand = app.add_subcommand("resume", "End the pause");
-    commandLine.setWriterAction(resumeCommand, [] { return runPause(false); });
+    commandLine.setAction(resumeCommand, [] { return runPause(false); }, Preparation::writer);
 
     auto siteHost = std::make_shared<std::string>();
     CLI::App* siteCommand =

@@ -58,6 +58,11 @@ void startWriter() {
     control::ExtensionManager::shared()->repairOwedRebuilds();
 }
 
+std::optional<std::string> rebuildLeftToHostApplication() {
+    if (control::ExtensionManager::mayWrite()) return std::nullopt;
+    return "left to the host application, which is running";
+}
+
 bool finishPendingExtensionWork(std::chrono::milliseconds timeout) {
     return control::ExtensionManager::shared()->waitUntilIdle(timeout);
 }

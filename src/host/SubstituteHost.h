@@ -1,6 +1,8 @@
 #pragma once
 
 #include <chrono>
+#include <optional>
+#include <string>
 
 // What the `tamsel` program stands in for: Safari, with its content-blocker
 // manager, and the toolbar extension's process around the product code.
@@ -19,6 +21,11 @@ void installSubstituteHost();
 // and rebuilds the extensions that still owe a rebuild (a change whose
 // rebuild never finished). Call after installSubstituteHost.
 void startWriter();
+
+// While the host application runs it alone writes the Safari JSON files
+// (the writer rule): a change made here is saved, and its rebuild is left to
+// it. Then the text that says so, for a command's "rebuilt:" line.
+std::optional<std::string> rebuildLeftToHostApplication();
 
 // Runs the main queue until every queued save, reload and retry of the
 // extension manager has finished, so that the program never exits with work

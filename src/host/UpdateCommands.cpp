@@ -2,7 +2,8 @@
 //     publish the package files of DIR on 127.0.0.1 until killed; prints the
 //     base address as its first line of output
 // tamsel update [--server URL] [--no-reload]
-//     one update check and, when the server has another version, the install
+//     one update check and, when the server has another version, the install;
+//     the server is --server, else the shared default "FilterServerBaseURL"
 #include <rapidjson/stringbuffer.h>
 #include <rapidjson/writer.h>
 #include <signal.h>
@@ -20,7 +21,6 @@
 #include <vector>
 
 #include "host/Command.h"
-#include "host/ConsoleRouting.h"
 #include "platform/MainRunLoop.h"
 #include "platform/Stores.h"
 #include "updates/FilterServer.h"
@@ -169,9 +169,10 @@ std::string resultJSON(const UpdateResult& result, const std::optional<std::stri
 }
 
 int runUpdate(const std::optional<std::string>& server, bool noReload, const GlobalOptions& global) {
-    // Rebuilding the extensions writes compiler and reload traces on the
-    // console; standard output is this command's own.
-    ConsoleToStandardError console(global.verbose);
+    if (!server && !updates::UpdateSettings::filterServerBaseURL()) {
+        return reportFailure("update: no filter server is configured (give --server URL, or store one with "
+                             "`tamsel defaults write " + updates::UpdateSettings::filterServerBaseURLKey + " URL`)");
+    }
     // Package files that the rebuild finds missing come from the same server.
     updates::installArchiveDownloader(server);
     auto manager = updates::UpdateManager::make({server, std::nullopt, nullptr});
@@ -218,7 +219,8 @@ int runUpdate(const std::optional<std::string>& server, bool noReload, const Glo
 
 void addUpdateCommands(CommandLine& commandLine) {
     // Every command of the program reads package files; a missing filter
-    // file is fetched from the filter server, as in the extension.
+    // file is fetched from the filter server when one is configured, as in
+    // the extension.
     updates::installArchiveDownloader();
 
     CLI::App& app = commandLine.app();
@@ -237,7 +239,8 @@ void addUpdateCommands(CommandLine& commandLine) {
                              "Make an endpoint misbehave: metadata=FAULT or archive=FAULT, FAULT one of "
                              "not-found, server-error, reset, no-answer, not-plist, truncated, wrong-password, "
                              "zip-slip, symlink, oversized, no-last-modified, endless, trickle, zip-bomb");
-    commandLine.setAction(filterServer, [serverOptions] { return runFilterServer(*serverOptions); });
+    commandLine.setAction(
+        filterServer, [serverOptions] { return runFilterServer(*serverOptions); }, Preparation::none);
 
     struct UpdateOptions {
         std::optional<std::string> server;
@@ -247,12 +250,11 @@ void addUpdateCommands(CommandLine& commandLine) {
     CLI::App* update = app.add_subcommand("update", "Check the filter server for new rules and install them");
     update->add_option("--server", updateOptions->server,
                        "Filter server's base address (default: the shared default \"" +
-                           updates::UpdateSettings::filterServerBaseURLKey + "\", else " +
-                           updates::UpdateSettings::defaultFilterServerBaseURL() + ")");
+                           updates::UpdateSettings::filterServerBaseURLKey + "\"; there is no other)");
     update->add_flag("--no-reload", updateOptions->noReload, "Install without rebuilding and reloading the extensions");
-    commandLine.setWriterAction(update, [updateOptions, &commandLine] {
+    commandLine.setAction(update, [updateOptions, &commandLine] {
         return runUpdate(updateOptions->server, updateOptions->noReload, commandLine.options());
-    });
+    }, Preparation::writer);
 }
 
 const CommandRegistration registration{"update", addUpdateCommands};

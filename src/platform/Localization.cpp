@@ -7,9 +7,9 @@
 #include <mutex>
 #include <optional>
 
-#include "platform/BuildConfig.h"
 #include "platform/Files.h"
 #include "platform/Log.h"
+#include "platform/Resources.h"
 
 namespace tamsel::platform {
 namespace {
@@ -176,9 +176,7 @@ private:
 };
 
 std::filesystem::path stringsDirectory() {
-    const char* resources = std::getenv("TAMSEL_RESOURCES");
-    const std::filesystem::path base = resources != nullptr && *resources != '\0' ? resources : build::resourcesDirectory;
-    return base / "strings";
+    return resourcesDirectory() / "strings";
 }
 
 std::string chooseLanguage(const std::filesystem::path& strings) {

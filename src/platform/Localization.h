@@ -7,8 +7,8 @@
 // "Shortcut+Localizable"), loaded from resources/strings/<language>/<table>.strings.
 // A key without a translation yields the key itself.
 //
-// The folder is $TAMSEL_RESOURCES/strings (installed binaries), else the
-// source tree's resources/strings. The language is $TAMSEL_LANGUAGE, else the
+// The folder is strings/ of the resources (platform/Resources.h):
+// $TAMSEL_RESOURCES/strings, else the source tree's resources/strings. The language is $TAMSEL_LANGUAGE, else the
 // language part of $LANG ("de" of "de_DE.UTF-8"), else "en"; a language
 // without a folder falls back to "en", and so does a key that the language's
 // table lacks. Tables are read once, on first use; thread-safe.

@@ -40,20 +40,13 @@ void emit(const LogRecord& record) {
     std::lock_guard lock(outletMutex());
     if (sinkSlot()) sinkSlot()(record);
     if (silenced()) return;
-    switch (record.outlet) {
-    case LogRecord::Outlet::console:
+    if (record.outlet == LogRecord::Outlet::console) {
         std::fwrite(record.message.data(), 1, record.message.size(), stdout);
         std::fputc('\n', stdout);
         std::fflush(stdout);
-        break;
-    case LogRecord::Outlet::system:
-        std::fprintf(stderr, "[%s] [%s] %s\n", std::string(toString(record.level)).c_str(),
-                     record.category.c_str(), record.message.c_str());
-        break;
-    case LogRecord::Outlet::debug:
-        std::fprintf(stderr, "[debug] %s\n", record.message.c_str());
-        break;
+        return;
     }
+    std::fprintf(stderr, "%s\n", streamLine(record).c_str());
 }
 
 void systemLine(LogLevel level, const std::string& category, const char* format, va_list args) {
@@ -69,6 +62,16 @@ std::string_view toString(LogLevel level) {
     case LogLevel::error: return "error";
     }
     return "info";
+}
+
+std::string streamLine(const LogRecord& record) {
+    switch (record.outlet) {
+    case LogRecord::Outlet::console: return record.message;
+    case LogRecord::Outlet::system:
+        return "[" + std::string(toString(record.level)) + "] [" + record.category + "] " + record.message;
+    case LogRecord::Outlet::debug: return "[debug] " + record.message;
+    }
+    return record.message;
 }
 
 void consolePrint(std::string_view line) {

@@ -14,7 +14,9 @@
 //    is switched on.
 //
 // Every outlet writes whole lines under one lock, so lines of different
-// threads never interleave. Tests may install a sink to read what was written.
+// threads never interleave. Those are the streams while no sink is installed;
+// the tamsel program installs one that sends every line to its log file (and
+// to standard error only with -v), and tests install one to read the lines.
 namespace tamsel::platform {
 
 enum class LogLevel { debug, info, error };
@@ -56,6 +58,10 @@ struct LogRecord {
 };
 
 using LogSink = std::function<void(const LogRecord&)>;
+
+// The text a stream shows for a record, without the newline:
+// "[error] [Download] ...", "[debug] ...", or a console line unchanged.
+std::string streamLine(const LogRecord& record);
 
 // Installs a sink that sees every record; while one is installed the records
 // still go to their streams unless `silence` is true. Returns the previous sink.

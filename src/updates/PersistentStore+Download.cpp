@@ -229,8 +229,14 @@ public:
             std::lock_guard lock(mutex_);
             baseURL = baseURL_;
         }
-        const std::string url =
-            UpdateSettings::url(baseURL.value_or(UpdateSettings::filterServerBaseURL()), UpdateSettings::archivePath);
+        if (!baseURL) baseURL = UpdateSettings::filterServerBaseURL();
+        if (!baseURL) {
+            // No filter server is configured: nothing to fetch from.
+            logger().info("No filter server configured; not downloading filters");
+            if (completion) completion(false);
+            return;
+        }
+        const std::string url = UpdateSettings::url(*baseURL, UpdateSettings::archivePath);
         // Answered here rather than through the main queue, which a reading
         // command may not be driving; for the same reason the download below
         // goes around RuleArchive::downloadZippedRules, whose answer for an

@@ -109,7 +109,8 @@ public:
 
 // Makes storage::FilterArchiveDownloading::shared() download for real, from
 // `baseURL`, or with none from UpdateSettings::filterServerBaseURL() at each
-// request. Concurrent requests (the general package files are read side by
+// request; with no address at all it answers "nothing downloaded" at once,
+// without touching the network. Concurrent requests (the general package files are read side by
 // side) share one download, and once this process has unpacked an archive
 // they are answered at once, on the calling thread. Idempotent; the host
 // calls it at start-up.

@@ -47,6 +47,8 @@ enum class ErrorCode {
     invalidPackageFile,
     // The archive holds none of the files of a rule set.
     noRuleFiles,
+    // No filter server address is configured: nothing was asked.
+    noFilterServer,
 };
 
 struct Error {
@@ -68,10 +70,10 @@ struct Error {
 namespace tamsel::model {
 template <>
 struct RawValueTable<updates::ErrorCode> {
-    static constexpr std::array<std::string_view, 15> rawValues{
+    static constexpr std::array<std::string_view, 16> rawValues{
         "transport",       "httpStatus",           "fileSystem",         "backgroundAssets",
         "unzip",           "unsafeEntry",          "archiveTooLarge",    "manifestParsing",
         "headerFieldsNotFound", "cloudVersionNotFound", "cachedCloudVersionNotAvailable", "reload",
-        "downloadTooLarge", "invalidPackageFile",  "noRuleFiles"};
+        "downloadTooLarge", "invalidPackageFile",  "noRuleFiles",        "noFilterServer"};
 };
 }  // namespace tamsel::model

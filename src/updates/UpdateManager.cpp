@@ -123,7 +123,16 @@ void UpdateManager::checkForUpdates(bool shouldReload, ProgressHandler progressH
     check->shouldReload = shouldReload;
     check->progress = std::move(progressHandler);
     check->completion = std::move(completionHandler);
-    check->baseURL = configuration_.filterServerBaseURL.value_or(UpdateSettings::filterServerBaseURL());
+    const auto baseURL = configuration_.filterServerBaseURL ? configuration_.filterServerBaseURL
+                                                             : UpdateSettings::filterServerBaseURL();
+    if (!baseURL) {
+        logger().error("No filter server configured");
+        finish(check, UpdateResult::failure(Error::make(
+                          ErrorCode::noFilterServer, "No filter server is configured (shared default \"" +
+                                                         UpdateSettings::filterServerBaseURLKey + "\")")));
+        return;
+    }
+    check->baseURL = *baseURL;
     check->useLegacyUpdateCheck = configuration_.useLegacyUpdateCheck.value_or(UpdateSettings::useLegacyUpdateCheck());
     check->reloading = configuration_.reloading;
     platform::DispatchQueue::global(platform::QualityOfService::utility).async([check] { findCloudVersion(check); });

@@ -44,7 +44,8 @@ public:
     static inline const std::string failedUpdatingNotification = "Failed Updating Rules From Cloud";
 
     struct Configuration {
-        // None: UpdateSettings::filterServerBaseURL() at each check.
+        // None: UpdateSettings::filterServerBaseURL() at each check; with
+        // neither, a check fails at once with noFilterServer.
         std::optional<std::string> filterServerBaseURL;
         // None: UpdateSettings::useLegacyUpdateCheck() at each check.
         std::optional<bool> useLegacyUpdateCheck;

@@ -2,18 +2,12 @@
 
 #include "platform/Stores.h"
 
-#ifndef TAMSEL_FILTER_SERVER_URL
-#define TAMSEL_FILTER_SERVER_URL "http://127.0.0.1:8765"
-#endif
-
 namespace tamsel::updates {
 
-std::string UpdateSettings::defaultFilterServerBaseURL() { return TAMSEL_FILTER_SERVER_URL; }
-
-std::string UpdateSettings::filterServerBaseURL() {
+std::optional<std::string> UpdateSettings::filterServerBaseURL() {
     auto stored = platform::SharedDefaults::shared()->string(filterServerBaseURLKey);
-    if (stored && !stored->empty()) return *stored;
-    return defaultFilterServerBaseURL();
+    if (stored && !stored->empty()) return stored;
+    return std::nullopt;
 }
 
 bool UpdateSettings::useLegacyUpdateCheck() {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -7,10 +8,10 @@
 // keys of the update code. All in the shared (app-group) defaults, so that
 // the host application, the agent and this extension agree.
 //
-//  * The filter server's base address is the build setting
-//    TAMSEL_FILTER_SERVER_URL (CMake cache variable, default
-//    "http://127.0.0.1:8765"); a text under "FilterServerBaseURL" overrides
-//    it. The paths below it are "/v4/metadata" and "/v4/data.zip".
+//  * The filter server's base address is a text under "FilterServerBaseURL".
+//    There is no default: with none set, nothing is fetched (a missing
+//    filter file stays missing, and an update check fails at once saying
+//    so). The paths below it are "/v4/metadata" and "/v4/data.zip".
 //  * The version is read from the manifest, unless "UseLegacyUpdateCheck"
 //    is true: then it is the archive's "Last-Modified" header, as on systems
 //    older than 13.3. Linux has no system version to decide by, so the
@@ -28,10 +29,8 @@ struct UpdateSettings {
     static inline const std::string metadataPath = "/v4/metadata";
     static inline const std::string archivePath = "/v4/data.zip";
 
-    // The build setting.
-    static std::string defaultFilterServerBaseURL();
-    // The stored override, else the build setting.
-    static std::string filterServerBaseURL();
+    // The stored address; none when no (or an empty) text is stored.
+    static std::optional<std::string> filterServerBaseURL();
     static bool useLegacyUpdateCheck();
 
     // `base` with `path` appended, without doubling the slash.

@@ -17,8 +17,10 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
 #include <mutex>
+#include <thread>
 
 namespace tamsel::control {
 namespace {
@@ -77,8 +79,11 @@ protected:
         data.setCustomPackages({Package("mine", "Mine", {blockRule("mine-1", "mine")})});
     }
 
-    std::shared_ptr<ExtensionManager> makeManager(std::shared_ptr<platform::ContentBlockerManager> safariManager) {
+    std::shared_ptr<ExtensionManager> makeManager(
+        std::shared_ptr<platform::ContentBlockerManager> safariManager,
+        std::function<void(ExtensionType, bool)> saveObserver = {}) {
         ExtensionManager::Configuration configuration;
+        configuration.saveObserver = std::move(saveObserver);
         configuration.dataManager = &data;
         configuration.contentBlockers = std::move(safariManager);
         configuration.scheduleAfter = [this](std::chrono::steady_clock::duration delay, std::function<void()> block) {
@@ -294,6 +299,45 @@ TEST_F(ExtensionManagerTest, ABurstOfSaveAllRequestsEndsWithEveryCompletionCalle
     for (ExtensionType type : model::allCases<ExtensionType>()) {
         EXPECT_TRUE(std::filesystem::exists(storage::PathProvider::safariJSONFilePath(type))) << id(type);
     }
+}
+
+TEST_F(ExtensionManagerTest, AtMostTwoSavesAndFourReloadsRunAtOnce) {
+    // Each save and each of Safari's answers takes long enough for the
+    // queues to start everything they are allowed to meanwhile.
+    std::mutex saving;
+    int savesRunning = 0;
+    int mostSavesRunning = 0;
+    auto manager = makeManager(safari, [&](ExtensionType, bool started) {
+        {
+            std::lock_guard lock(saving);
+            savesRunning += started ? 1 : -1;
+            mostSavesRunning = std::max(mostSavesRunning, savesRunning);
+        }
+        if (started) std::this_thread::sleep_for(60ms);
+    });
+    safari->setAnswerDelay(150ms);
+
+    std::optional<ReloadingResult> result;
+    manager->saveToJSONAndReloadAll(std::nullopt, [&](ReloadingResult r) { result = r; });
+    settle(*manager, result);
+    EXPECT_TRUE(*result);
+    EXPECT_EQ(safari->reloads().size(), 8u);
+    {
+        std::lock_guard lock(saving);
+        EXPECT_EQ(savesRunning, 0);
+        EXPECT_EQ(mostSavesRunning, 2);
+    }
+    EXPECT_LE(safari->mostReloadsInFlight(), 4);
+    // Eight saves two at a time hand reloads over faster than Safari answers
+    // them, so the reload queue does fill up.
+    EXPECT_GE(safari->mostReloadsInFlight(), 3);
+
+    // Reloading without saving goes through the same reload queue.
+    result.reset();
+    manager->reloadAllWithoutSaving([&](ReloadingResult r) { result = r; });
+    settle(*manager, result);
+    EXPECT_EQ(safari->reloads().size(), 16u);
+    EXPECT_EQ(safari->mostReloadsInFlight(), 4);
 }
 
 TEST_F(ExtensionManagerTest, AFileSafariRefusesEndsInItsCompilerMessage) {

@@ -3,11 +3,14 @@
 #include "platform/ContentBlockerManager.h"
 #include "platform/DispatchQueue.h"
 
+#include <algorithm>
+#include <chrono>
 #include <deque>
 #include <map>
 #include <mutex>
 #include <optional>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace tamsel::testing {
@@ -18,6 +21,7 @@ class FakeSafari : public platform::ContentBlockerManager {
 public:
     void reloadContentBlocker(const std::string& identifier, ReloadCompletion completion) override {
         std::optional<platform::PlatformError> error;
+        std::chrono::milliseconds delay{0};
         {
             std::lock_guard lock(mutex_);
             reloads_.push_back(identifier);
@@ -26,8 +30,29 @@ public:
                 error = queued.front();
                 queued.pop_front();
             }
+            delay = answerDelay_;
+            mostReloadsInFlight_ = std::max(mostReloadsInFlight_, ++reloadsInFlight_);
         }
-        platform::DispatchQueue::global().async([completion = std::move(completion), error] { completion(error); });
+        platform::DispatchQueue::global().async([this, completion = std::move(completion), error, delay] {
+            if (delay.count() > 0) std::this_thread::sleep_for(delay);
+            {
+                std::lock_guard lock(mutex_);
+                --reloadsInFlight_;
+            }
+            completion(error);
+        });
+    }
+
+    // Safari takes this long to answer each reload.
+    void setAnswerDelay(std::chrono::milliseconds delay) {
+        std::lock_guard lock(mutex_);
+        answerDelay_ = delay;
+    }
+
+    // The most reloads that were asked and not yet answered at one moment.
+    int mostReloadsInFlight() const {
+        std::lock_guard lock(mutex_);
+        return mostReloadsInFlight_;
     }
 
     void getStateOfContentBlocker(const std::string& identifier, StateCompletion completion) override {
@@ -80,6 +105,9 @@ private:
     std::map<std::string, std::deque<platform::PlatformError>> errors_;
     std::vector<std::string> reloads_;
     int stateQueries_ = 0;
+    std::chrono::milliseconds answerDelay_{0};
+    int reloadsInFlight_ = 0;
+    int mostReloadsInFlight_ = 0;
 };
 
 }  // namespace tamsel::testing

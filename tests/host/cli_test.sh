@@ -33,7 +33,7 @@ tamsel rules check "$SAMPLES"/*.json
 expect_status 0
 expect_stderr_empty
 expect_stdout_lines 9
-expect_stdout_contains "OK $SAMPLES/block-ads.json: 1 packages, "
+expect_stdout_contains "OK $SAMPLES/block-ads.json: 1 package, "
 expect_stdout_contains "OK $SAMPLES/block-international.json: 2 packages, "
 expect_stdout_contains "OK $SAMPLES/block-configurable.json: 5 packages, "
 finish
@@ -331,17 +331,25 @@ tamsel defaults read someKey
 expect_status 1
 finish
 
-begin "--help exits 0 and lists the commands"
+begin "--help exits 0, says what the program is for and lists the commands"
 tamsel --help
 expect_status 0
+head -1 "$WORK/out" | grep -q "^Tamsel content blocker: " || problem "the first line does not say what the program is"
 expect_stdout_contains "rules"
 expect_stdout_contains "defaults"
+finish
+
+begin "--version prints the program's name and version"
+tamsel --version
+expect_status 0
+expect_stderr_empty
+grep -qxE "tamsel [0-9]+\.[0-9]+\.[0-9]+" "$WORK/out" || problem "stdout was '$(cat "$WORK/out")'"
 finish
 
 begin "-v still exits 0 on success"
 tamsel -v rules check "$SAMPLES/block-ads.json"
 expect_status 0
-expect_stdout "OK $SAMPLES/block-ads.json: 1 packages, 8 rules"
+expect_stdout "OK $SAMPLES/block-ads.json: 1 package, 8 rules"
 finish
 
 harness_summary

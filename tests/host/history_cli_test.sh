@@ -229,8 +229,9 @@ head -c 20000 /dev/urandom >"$STORE"
 tamsel --json stats
 expect_status 0
 expect_stdout_contains '"totals":{"today":0,"thisWeek":0,"allTime":0}'
-expect_stderr_contains "is damaged"
-expect_stderr_contains "moved it aside to $STORE.corrupt-"
+expect_stderr_empty
+expect_log_contains "is damaged"
+expect_log_contains "moved it aside to $STORE.corrupt-"
 ls "$STORE".corrupt-* >/dev/null 2>&1 || problem "no file was moved aside"
 tamsel report-blocked --page https://news.example/ --extension block-ads https://ads.example/after
 expect_status 0

@@ -73,7 +73,7 @@ finish
 begin "disabling the whitelist package rebuilds every extension"
 tamsel --json disable whitelist
 expect_status 0
-expect_stdout_contains '{"id":"whitelist","enabled":false,"rebuild":["block-ads","block-trackers","block-annoyances","block-social","block-comments","block-adult","block-international","block-custom"]}'
+expect_stdout_contains '{"id":"whitelist","enabled":false,"rebuild":["block-ads","block-trackers","block-annoyances","block-social","block-comments","block-adult","block-international","block-custom"],"rebuildLeftToHostApplication":false}'
 finish
 
 begin "an unknown package is a reported failure"
@@ -129,7 +129,7 @@ expect_status 0
 expect_stdout_contains "$DATA/Documents/Rules.tmsl"
 [ -s "$DATA/Documents/Rules.tmsl" ] || problem "no shared file"
 tamsel rules check "$DATA/Documents/Rules.tmsl"
-expect_stdout_contains ": 1 packages, 3 rules"
+expect_stdout_contains ": 1 package, 3 rules"
 finish
 
 begin "export --to writes where it is told; an unknown package fails"

@@ -93,6 +93,38 @@ finish
 
 # ------------------------------------------------------------ first install
 
+begin "with no filter server configured, update says so and asks nothing"
+tamsel update
+expect_status 1
+expect_stdout_empty
+expect_stderr_lines 1
+expect_stderr_contains "tamsel: update: no filter server is configured"
+finish
+
+begin "with no filter server configured, a missing filter file stays missing"
+# The first use has put the shipped files in place.
+tamsel packages
+rm "$FILTERS/block-ads.json"
+tamsel packages
+expect_status 0
+expect_stderr_empty
+[ ! -e "$FILTERS/block-ads.json" ] || problem "the file came back"
+expect_log_contains "No filter server configured; not downloading filters"
+! grep -qF "Downloading file" "$DATA/$LOG_FILE_NAME" || problem "a download was tried"
+finish
+
+begin "with a filter server configured, a missing general file is fetched from it"
+"$TAMSEL" --home "$DATA" defaults write FilterServerBaseURL -string "$MAIN_URL"
+tamsel packages
+expect_status 0
+expect_stderr_empty
+cmp -s "$PUBLISHED/block-ads.json" "$FILTERS/block-ads.json" || problem "block-ads.json was not fetched"
+"$TAMSEL" --home "$DATA" defaults delete FilterServerBaseURL
+finish
+
+rm -rf "$DATA"
+"$TAMSEL" --home "$DATA" extensions >/dev/null 2>&1
+touch "$WORK/stamp"
 begin "update --no-reload installs the published files and records the version"
 tamsel update --server "$MAIN_URL" --no-reload
 expect_status 0
@@ -103,7 +135,7 @@ expect_stdout_contains "progress: 100%"
 expect_installed_as_published
 expect_no_strays
 expect_version "$FIRST_VERSION"
-[ -z "$(ls -A "$SAFARI_JSON" 2>/dev/null)" ] || problem "--no-reload wrote Safari JSON files"
+[ -z "$(find "$SAFARI_JSON" -newer "$WORK/stamp")" ] || problem "--no-reload wrote Safari JSON files"
 finish
 
 begin "a second update finds no new rules"

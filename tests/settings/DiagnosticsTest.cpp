@@ -1,5 +1,4 @@
-// Long-action timing lines, debug logging, the device description and the
-// stopwatch.
+// Long-action timing lines, debug logging and the device description.
 #include <gtest/gtest.h>
 
 #include <chrono>
@@ -11,7 +10,6 @@
 #include "settings/Device.h"
 #include "settings/Log.h"
 #include "settings/LongActionExecutor.h"
-#include "settings/Stopwatch.h"
 #include "support/TestSupport.h"
 
 namespace {
@@ -94,25 +92,6 @@ TEST(DeviceDescription, ModelIsTheTrimmedProductNameOrAbsent) {
 TEST(DeviceDescription, KernelNameAndRelease) {
     EXPECT_EQ(settings::Device::systemName(), "Linux");
     EXPECT_FALSE(settings::Device::systemVersion().empty());
-}
-
-TEST(StopwatchTiming, MeasuresFromStartToStopWithTheGivenClock) {
-    auto now = std::chrono::steady_clock::time_point{} + 100s;
-    settings::Stopwatch stopwatch([&] { return now; });
-    EXPECT_EQ(stopwatch.elapsedSeconds(), 0.0);
-    stopwatch.start();
-    now += 1500ms;
-    EXPECT_TRUE(stopwatch.isRunning());
-    EXPECT_DOUBLE_EQ(stopwatch.elapsedSeconds(), 1.5);
-    stopwatch.stop();
-    now += 10s;
-    EXPECT_FALSE(stopwatch.isRunning());
-    EXPECT_DOUBLE_EQ(stopwatch.elapsedSeconds(), 1.5);
-    stopwatch.stop();  // a second stop keeps the measurement
-    EXPECT_DOUBLE_EQ(stopwatch.elapsedSeconds(), 1.5);
-    stopwatch.start();
-    EXPECT_FALSE(stopwatch.t2());
-    EXPECT_DOUBLE_EQ(stopwatch.elapsedSeconds(), 0.0);
 }
 
 }  // namespace

@@ -10,7 +10,8 @@
 # ending with `harness_summary`. After harness_init: $TAMSEL (the program),
 # $SOURCE (the source folder), $SAMPLES (the sample package files), $WORK (a
 # temporary folder removed at exit), $DATA (the data root of every run) and
-# $FILTERS (its filters folder). A script that must clean up more defines
+# $FILTERS (its filters folder); the product's log lines are in
+# $DATA/$LOG_FILE_NAME. A script that must clean up more defines
 # harness_cleanup before harness_init; it runs at exit first.
 
 harness_init() {
@@ -101,3 +102,6 @@ expect_stdout_contains() { grep -qF -- "$1" "$WORK/out" || problem "stdout lacks
 expect_stdout_lacks() { ! grep -qF -- "$1" "$WORK/out" || problem "stdout has '$1'"; }
 expect_stdout_line() { grep -qxF -- "$1" "$WORK/out" || problem "stdout lacks the line '$1'"; }
 expect_stderr_contains() { grep -qF -- "$1" "$WORK/err" || problem "stderr lacks '$1'"; }
+# The product's log lines go to the data root's log file (and with -v to stderr).
+LOG_FILE_NAME=logs/tamsel.log
+expect_log_contains() { grep -qF -- "$1" "$DATA/$LOG_FILE_NAME" 2>/dev/null || problem "the log file lacks '$1'"; }

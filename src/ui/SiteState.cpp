@@ -1,0 +1,70 @@
+#include "ui/SiteState.h"
+
+#include <algorithm>
+
+#include "control/DataManager.h"
+#include "control/ExtensionManager.h"
+#include "control/PauseStatus.h"
+#include "control/RuleChanger.h"
+#include "model/ConfigurableType.h"
+#include "storage/PackagePreferences.h"
+
+namespace tamsel::ui {
+
+using model::ConfigurableType;
+using model::ExtensionType;
+
+SiteState::Whitelisting SiteState::whitelisting() const {
+    if (!whitelistRule) return Whitelisting::no;
+    if (!whitelistRuleEnabled) return Whitelisting::ruleOff;
+    if (!whitelistPackageEnabled) return Whitelisting::packageOff;
+    return whitelistRule->partialWhitelist.empty() ? Whitelisting::fully : Whitelisting::partially;
+}
+
+std::vector<ExtensionType> SiteState::whitelistedIn() const {
+    switch (whitelisting()) {
+        case Whitelisting::fully: {
+            const auto all = model::allCases<ExtensionType>();
+            return {all.begin(), all.end()};
+        }
+        case Whitelisting::partially: {
+            // In ExtensionType order, whatever order the rule holds them in.
+            std::vector<ExtensionType> in;
+            for (ExtensionType type : model::allCases<ExtensionType>()) {
+                const auto& chosen = whitelistRule->partialWhitelist;
+                if (std::find(chosen.begin(), chosen.end(), type) != chosen.end()) in.push_back(type);
+            }
+            return in;
+        }
+        default: return {};
+    }
+}
+
+SiteState::Https SiteState::https() const {
+    if (!httpsRuleHoldsDomain) return Https::no;
+    return makeHttpsPackageEnabled ? Https::forced : Https::packageOff;
+}
+
+SiteState SiteState::read(control::DataManager& manager, const std::string& domain) {
+    SiteState state;
+    state.domain = domain;
+    state.pauseEnded = control::PauseStatus::endPauseIfExpired(
+        [] { control::ExtensionManager::shared()->reloadAllWithoutSaving({}); });
+    state.paused = control::PauseStatus::isPaused();
+    state.minutesLeft = control::PauseStatus::minutesLeft();
+
+    control::RuleChanger changer(manager);
+    state.whitelistRule = changer.whitelistRule(domain);
+    if (const auto package = changer.configurablePackage(ConfigurableType::whitelist)) {
+        state.whitelistPackageEnabled = !storage::isDisabled(*package);
+        state.whitelistRuleEnabled = state.whitelistRule && !storage::isDisabled(*state.whitelistRule, *package);
+    }
+    state.httpsRule = changer.makeHttpsRule(domain);
+    state.httpsRuleHoldsDomain = changer.isDomainForcedHttps(domain);
+    if (const auto package = changer.configurablePackage(ConfigurableType::makeHttps)) {
+        state.makeHttpsPackageEnabled = !storage::isDisabled(*package);
+    }
+    return state;
+}
+
+}  // namespace tamsel::ui
