@@ -13,6 +13,7 @@
 #include "platform/MainRunLoop.h"
 #include "platform/Resources.h"
 #include "storage/PathProvider.h"
+#include "storage/PackageFilesLock.h"
 #include "storage/PersistentStore.h"
 
 namespace tamsel::host {
@@ -68,6 +69,9 @@ std::expected<void, std::string> copyShippedFiles() {
 }
 
 std::expected<void, std::string> writeConfigurableDefaults() {
+    // Checked and written under the package files' lock: an edit that
+    // another program saves meanwhile is never replaced.
+    storage::PackageFilesLock filesLock;
     if (hasPackageFile(JSONFileName::blockConfigurable)) return {};
     // With no file, reading yields the five packages as built in.
     std::promise<std::vector<model::Package>> read;
