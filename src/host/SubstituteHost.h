@@ -1,6 +1,9 @@
 #pragma once
 
 #include <chrono>
+#include <memory>
+
+#include "platform/LocalContentBlockerManager.h"
 
 // What the `tamsel` program stands in for: Safari, with its content-blocker
 // manager, and the toolbar extension's process around the product code.
@@ -12,6 +15,10 @@ namespace tamsel::host {
 // commands that never reload touch nothing there) and makes the extension
 // manager the process's rebuilder. Call once the data root is chosen.
 void installSubstituteHost();
+
+// The substitute Safari's content-blocker manager (opened on first use), for
+// the commands that load pages through the reloaded extensions' matchers.
+std::shared_ptr<platform::LocalContentBlockerManager> substituteContentBlockerManager();
 
 // What a program that writes the shared files does first: removes the
 // temporary files that writers killed mid-write left in the group
