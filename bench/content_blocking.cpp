@@ -164,6 +164,16 @@ int main(int argc, char** argv) {
 
     std::printf("content-blocking engine: %zu Safari JSON files, %zu rules, %.1f MB of JSON\n", files.size(), rules,
                 static_cast<double>(jsonBytes) / 1e6);
+    platform::ContentRuleMatcher::IndexStatistics filed;
+    for (const auto& m : matchers) {
+        const auto statistics = m.matcher->indexStatistics();
+        filed.byPiece += statistics.byPiece;
+        filed.bySite += statistics.bySite;
+        filed.always += statistics.always;
+        filed.globalStyleSheet += statistics.globalStyleSheet;
+    }
+    std::printf("  rules filed by piece %zu, by site %zu, looked at by every load %zu, global style sheet %zu\n",
+                filed.byPiece, filed.bySite, filed.always, filed.globalStyleSheet);
     std::printf("  build all matchers:              %.3f s\n", build);
     std::printf("  rebuild after a whitelist change: %.3f s (%zu of %zu bodies reused)\n", rebuild, reused,
                 files.size());

@@ -10,7 +10,6 @@
 #include <cstdio>
 #include <cstring>
 #include <limits>
-#include <unordered_map>
 
 namespace tamsel::platform {
 
@@ -451,6 +450,9 @@ std::optional<EntryView> readEntry(simdjson::dom::element element) {
     return e;
 }
 
+// Never 0, which marks an empty slot.
+std::uint64_t siteHash(std::string_view host) { return fnv(0xCBF29CE484222325ull, host) | 1; }
+
 bool universal(std::string_view filter) { return validateURLFilter(filter) == URLFilterStatus::matchesEverything; }
 
 }  // namespace
@@ -462,6 +464,7 @@ struct ContentRuleMatcher::Segment {
         std::uint32_t filter = 0, filterLength = 0;    // in arena
         std::uint32_t literal = 0, literalLength = 0;  // a pure literal's text, folded unless case-sensitive
         std::uint32_t selector = 0, selectorLength = 0;
+        std::uint32_t run = 0, runLength = 0;  // the longest literal run, lower-case: a match holds it
         std::uint32_t condition = none;
         std::uint16_t resources = allResources;
         std::uint8_t loads = 3;
@@ -497,7 +500,14 @@ struct ContentRuleMatcher::Segment {
     std::vector<GramSlot> table;
     std::vector<std::uint32_t> postings;
     std::vector<std::uint32_t> always;  // rules with no piece to file them under
-    std::unordered_map<std::string, std::vector<std::uint32_t>> byDomain;  // match-all filters with if-domain
+    // Match-all filters with an if-domain list, filed under the hash of each
+    // of its hosts (a collision only adds a candidate that the check refuses).
+    struct SiteSlot {
+        std::uint64_t site = 0;  // 0: empty
+        std::uint32_t begin = 0, end = 0;
+    };
+    std::vector<SiteSlot> siteTable;
+    std::vector<std::uint32_t> sitePostings;
 
     std::vector<std::string> globalSheet;
     std::uint64_t hash = 0;
@@ -521,7 +531,7 @@ struct ContentRuleMatcher::Segment {
             for (const auto& host : condition.hosts) bytes += sizeof host + host.capacity();
             for (const auto& host : condition.suffixes) bytes += sizeof host + host.capacity();
         }
-        for (const auto& [domain, list] : byDomain) bytes += 64 + domain.capacity() + list.capacity() * 4;
+        bytes += siteTable.capacity() * sizeof(SiteSlot) + sitePostings.capacity() * 4;
         for (const auto& selector : globalSheet) bytes += sizeof selector + selector.capacity();
         return bytes;
     }
@@ -546,7 +556,7 @@ struct ContentRuleMatcher::Segment {
 void ContentRuleMatcher::Segment::build(const std::vector<EntryView>& entries, bool collectGlobalSheet) {
     entryCount = entries.size();
     std::size_t arenaBytes = 0;
-    for (const auto& e : entries) arenaBytes += e.filter.size() * 2 + e.selector.size();
+    for (const auto& e : entries) arenaBytes += e.filter.size() * 3 + e.selector.size();
     arena.reserve(arenaBytes);
     rules.reserve(entries.size());
     auto store = [this](std::string_view text) {
@@ -587,6 +597,13 @@ void ContentRuleMatcher::Segment::build(const std::vector<EntryView>& entries, b
                 rule.literalLength = static_cast<std::uint32_t>(literal.size());
             }
             runs = std::move(shape.runs);
+            if (!rule.pureLiteral && !runs.empty()) {
+                const auto longest = std::max_element(runs.begin(), runs.end(), [](const auto& a, const auto& b) {
+                    return a.size() < b.size();
+                });
+                rule.run = store(*longest);
+                rule.runLength = static_cast<std::uint32_t>(longest->size());
+            }
         }
         if (e.condition) {
             Condition condition{*e.condition, e.caseSensitive, {}, {}, {}};
@@ -622,12 +639,13 @@ void ContentRuleMatcher::Segment::build(const std::vector<EntryView>& entries, b
 
     std::vector<std::pair<std::uint32_t, std::uint32_t>> filed;  // piece, rule
     filed.reserve(rules.size());
+    std::vector<std::pair<std::uint64_t, std::uint32_t>> sites;  // site, rule
     for (std::uint32_t index = 0; index < rules.size(); ++index) {
         const Rule& rule = rules[index];
         if (rule.universal && rule.condition != none && conditions[rule.condition].kind == ConditionKind::ifDomain) {
             const auto& condition = conditions[rule.condition];
-            for (const auto& host : condition.hosts) byDomain[host].push_back(index);
-            for (const auto& host : condition.suffixes) byDomain[host].push_back(index);
+            for (const auto& host : condition.hosts) sites.emplace_back(siteHash(host), index);
+            for (const auto& host : condition.suffixes) sites.emplace_back(siteHash(host), index);
             continue;
         }
         std::optional<std::uint32_t> best;
@@ -654,7 +672,7 @@ void ContentRuleMatcher::Segment::build(const std::vector<EntryView>& entries, b
     table.assign(distinct ? capacity : 0, GramSlot{});
     std::size_t bitmapBits = 64;
     unsigned bits = 6;
-    while (bitmapBits < distinct * 16 && bits < 22) {
+    while (bitmapBits < distinct * 8 && bits < 18) {
         bitmapBits *= 2;
         ++bits;
     }
@@ -671,6 +689,24 @@ void ContentRuleMatcher::Segment::build(const std::vector<EntryView>& entries, b
         table[slot] = GramSlot{gram, begin, static_cast<std::uint32_t>(postings.size())};
         const std::uint32_t b = h >> bitmapShift;
         bitmap[b / 64] |= std::uint64_t{1} << (b % 64);
+    }
+
+    std::sort(sites.begin(), sites.end());
+    sites.erase(std::unique(sites.begin(), sites.end()), sites.end());
+    std::size_t distinctSites = 0;
+    for (size_t i = 0; i < sites.size(); ++i)
+        if (i == 0 || sites[i].first != sites[i - 1].first) ++distinctSites;
+    capacity = 16;
+    while (capacity < distinctSites * 2) capacity *= 2;
+    siteTable.assign(distinctSites ? capacity : 0, SiteSlot{});
+    sitePostings.reserve(sites.size());
+    for (size_t i = 0; i < sites.size();) {
+        const std::uint64_t site = sites[i].first;
+        const auto begin = static_cast<std::uint32_t>(sitePostings.size());
+        for (; i < sites.size() && sites[i].first == site; ++i) sitePostings.push_back(sites[i].second);
+        size_t slot = (site >> 7) & (siteTable.size() - 1);
+        while (siteTable[slot].site != 0) slot = (slot + 1) & (siteTable.size() - 1);
+        siteTable[slot] = SiteSlot{site, begin, static_cast<std::uint32_t>(sitePostings.size())};
     }
 }
 
@@ -690,17 +726,18 @@ void ContentRuleMatcher::Segment::collect(const PreparedLoad& load, std::vector<
             }
         }
     }
-    if (!byDomain.empty()) {
-        std::string_view host = load.main_.host;
-        while (!host.empty()) {
-            if (auto found = byDomain.find(std::string(host)); found != byDomain.end())
-                out.insert(out.end(), found->second.begin(), found->second.end());
-            const size_t dot = host.find('.');
-            if (dot == std::string_view::npos) break;
-            host.remove_prefix(dot + 1);
+    if (!siteTable.empty()) {
+        const std::size_t mask = siteTable.size() - 1;
+        for (std::uint64_t site : load.sites_) {
+            for (std::size_t slot = (site >> 7) & mask; siteTable[slot].site != 0; slot = (slot + 1) & mask) {
+                if (siteTable[slot].site == site) {
+                    out.insert(out.end(), sitePostings.begin() + siteTable[slot].begin,
+                               sitePostings.begin() + siteTable[slot].end);
+                    break;
+                }
+            }
         }
     }
-    out.insert(out.end(), always.begin(), always.end());
     std::sort(out.begin(), out.end());
     out.erase(std::unique(out.begin(), out.end()), out.end());
 }
@@ -715,6 +752,8 @@ bool ContentRuleMatcher::Segment::urlMatches(const Rule& rule, std::string_view 
         if (rule.anchoredEnd) return subject.ends_with(literal);
         return subject.find(literal) != std::string_view::npos;
     }
+    // Most candidates fail here, before the regular expression is asked.
+    if (rule.runLength && lowerURL.find(text(rule.run, rule.runLength)) == std::string_view::npos) return false;
     const size_t index = static_cast<size_t>(&rule - rules.data());
     const bool fresh = regexes[index].load(std::memory_order_acquire) == nullptr;
     const RE2* regex = regexIn(regexes[index], text(rule.filter, rule.filterLength), rule.caseSensitive);
@@ -818,7 +857,16 @@ ContentRuleListEffects ContentRuleMatcher::evaluate(const PreparedLoad& load) co
     thread_local std::vector<std::uint32_t> candidates;
     for (const Segment* segment : {body_.get(), tail_.get()}) {
         segment->collect(load, candidates);
-        for (std::uint32_t index : candidates) {
+        // The candidates merged, in list order, with the rules every load looks at.
+        const auto& always = segment->always;
+        for (size_t i = 0, j = 0; i < candidates.size() || j < always.size();) {
+            std::uint32_t index;
+            if (j == always.size() || (i < candidates.size() && candidates[i] < always[j])) {
+                index = candidates[i++];
+            } else {
+                index = always[j++];
+                if (i < candidates.size() && candidates[i] == index) ++i;
+            }
             const auto& rule = segment->rules[index];
             if (!segment->fires(rule, load, load.lowerURL_, load.lowerMain_)) continue;
             switch (rule.action) {
@@ -834,6 +882,17 @@ ContentRuleListEffects ContentRuleMatcher::evaluate(const PreparedLoad& load) co
         }
     }
     return effects;
+}
+
+ContentRuleMatcher::IndexStatistics ContentRuleMatcher::indexStatistics() const {
+    IndexStatistics statistics;
+    for (const Segment* segment : {body_.get(), tail_.get()}) {
+        statistics.byPiece += segment->postings.size();
+        statistics.always += segment->always.size();
+        statistics.globalStyleSheet += segment->globalSheet.size();
+        statistics.bySite += segment->rules.size() - segment->postings.size() - segment->always.size();
+    }
+    return statistics;
 }
 
 const std::vector<std::string>& ContentRuleMatcher::globalStyleSheet() const { return body_->globalSheet; }
@@ -867,6 +926,12 @@ std::optional<PreparedLoad> PreparedLoad::prepare(const ContentLoad& load) {
     prepared.lowerMain_ = lowered(main->text);
     for (size_t i = 0; i + 4 <= prepared.lowerURL_.size(); ++i)
         prepared.grams_.push_back(gramAt(prepared.lowerURL_.data() + i));
+    for (std::string_view host = main->host; !host.empty();) {
+        prepared.sites_.push_back(siteHash(host));
+        const size_t dot = host.find('.');
+        if (dot == std::string_view::npos) break;
+        host.remove_prefix(dot + 1);
+    }
     prepared.type_ = load.resourceType;
     prepared.thirdParty_ = url->host != main->host && registrableDomain(url->host) != registrableDomain(main->host);
     prepared.url_ = std::move(*url);

@@ -72,7 +72,8 @@ private:
     CanonicalURL main_;
     std::string lowerURL_;
     std::string lowerMain_;
-    std::vector<std::uint32_t> grams_;  // hashed 4-byte pieces of lowerURL_
+    std::vector<std::uint32_t> grams_;  // the 4-byte pieces of lowerURL_
+    std::vector<std::uint64_t> sites_;  // hashes of the main document's host and its parent domains
     LoadResourceType type_ = LoadResourceType::document;
     bool thirdParty_ = false;
 };
@@ -116,6 +117,14 @@ public:
     std::size_t ruleCount() const;
     // Bytes the matcher holds, regular expressions compiled so far included.
     std::size_t memoryUsage() const;
+    // How the rules are filed: under a piece of their url-filter, under the
+    // sites of their if-domain list, on the list every load looks at, or in
+    // the global style sheet.
+    struct IndexStatistics {
+        std::size_t byPiece = 0, bySite = 0, always = 0, globalStyleSheet = 0;
+    };
+    IndexStatistics indexStatistics() const;
+
     // Whether the body was taken over from the previous matcher.
     bool reusedBody() const { return reusedBody_; }
 
