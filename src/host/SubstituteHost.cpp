@@ -1,6 +1,7 @@
 #include "host/SubstituteHost.h"
 
 #include "control/ExtensionManager.h"
+#include "control/PauseStatus.h"
 #include "platform/Files.h"
 #include "platform/LocalContentBlockerManager.h"
 #include "settings/App.h"
@@ -24,7 +25,6 @@ public:
         manager()->getStateOfContentBlocker(identifier, std::move(completion));
     }
 
-private:
     std::shared_ptr<platform::LocalContentBlockerManager> manager() {
         std::call_once(opened_, [this] {
             manager_ = platform::LocalContentBlockerManager::open(
@@ -33,20 +33,32 @@ private:
                     if (!type) return std::nullopt;
                     return storage::PathProvider::safariJSONFilePath(*type);
                 });
+            // The product's content blockers serve an empty list while blocking is paused.
+            manager_->setServesEmptyList([] { return control::PauseStatus::isPaused(); });
         });
         return manager_;
     }
 
+private:
     std::once_flag opened_;
     std::shared_ptr<platform::LocalContentBlockerManager> manager_;
 };
+
+std::shared_ptr<LazyContentBlockerManager>& installedManager() {
+    static std::shared_ptr<LazyContentBlockerManager> manager = std::make_shared<LazyContentBlockerManager>();
+    return manager;
+}
 
 }  // namespace
 
 void installSubstituteHost() {
     settings::App::setIsMacButtonExtension(true);
-    platform::ContentBlockerManager::setShared(std::make_shared<LazyContentBlockerManager>());
+    platform::ContentBlockerManager::setShared(installedManager());
     control::ExtensionManager::shared();
+}
+
+std::shared_ptr<platform::LocalContentBlockerManager> substituteContentBlockerManager() {
+    return installedManager()->manager();
 }
 
 void startWriter() {

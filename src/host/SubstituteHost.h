@@ -3,6 +3,9 @@
 #include <chrono>
 #include <optional>
 #include <string>
+#include <memory>
+
+#include "platform/LocalContentBlockerManager.h"
 
 // What the `tamsel` program stands in for: Safari, with its content-blocker
 // manager, and the toolbar extension's process around the product code.
@@ -14,6 +17,10 @@ namespace tamsel::host {
 // commands that never reload touch nothing there) and makes the extension
 // manager the process's rebuilder. Call once the data root is chosen.
 void installSubstituteHost();
+
+// The substitute Safari's content-blocker manager (opened on first use), for
+// the commands that load pages through the reloaded extensions' matchers.
+std::shared_ptr<platform::LocalContentBlockerManager> substituteContentBlockerManager();
 
 // What a program that writes the shared files does first: completes a rule
 // update that a killed process left half installed, removes the temporary

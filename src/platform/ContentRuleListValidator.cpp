@@ -31,6 +31,7 @@ std::string_view message(ContentRuleListErrorCode code) {
     case multipleConditions:
         return "A trigger cannot have more than one condition (if-domain, unless-domain, if-top-url, or "
                "unless-top-url)";
+    case exceedsMemoryBudget: return "The rule list needs more memory than the content-blocking engine allows.";
     }
     return "Unknown error.";
 }

@@ -29,6 +29,8 @@ enum class ContentRuleListErrorCode {
     tooManyRules,
     domainNotLowerCaseASCII,
     multipleConditions,
+    // Not WebKit's: the substitute engine's limit on one list's matcher.
+    exceedsMemoryBudget,
 };
 
 // The parser's message for a code, e.g. "Invalid or unsupported regular expression.".

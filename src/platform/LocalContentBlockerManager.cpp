@@ -72,7 +72,10 @@ std::shared_ptr<LocalContentBlockerManager> LocalContentBlockerManager::open(Fil
 
 LocalContentBlockerManager::LocalContentBlockerManager(std::shared_ptr<UserDefaults> state,
                                                        std::filesystem::path lockFile, FileResolver resolver)
-    : state_(std::move(state)), lock_(std::move(lockFile)), resolver_(std::move(resolver)) {}
+    : state_(std::move(state)),
+      lock_(lockFile),
+      resolver_(std::move(resolver)),
+      listsFolder_(lockFile.parent_path() / "lists") {}
 
 void LocalContentBlockerManager::reloadContentBlocker(const std::string& identifier, ReloadCompletion completion) {
     DispatchQueue::global(QualityOfService::userInitiated).async([self = shared_from_this(), identifier, completion] {
@@ -111,14 +114,75 @@ std::optional<PlatformError> LocalContentBlockerManager::reloadNow(const std::st
         record(identifier, error, 0);
         return error;
     }
+    bool empty = false;
+    {
+        std::lock_guard lock(listsMutex_);
+        empty = servesEmptyList_ && servesEmptyList_();
+    }
     std::size_t entries = 0;
-    if (auto refused = validateContentRuleList(*bytes, &entries)) {
+    if (empty) {
+        bytes->assign("[]");
+    } else if (auto refused = validateContentRuleList(*bytes, &entries)) {
         auto error = compileError(refused->message());
+        record(identifier, error, 0);
+        return error;
+    }
+    if (auto error = compileList(identifier, *bytes)) {
         record(identifier, error, 0);
         return error;
     }
     record(identifier, std::nullopt, entries);
     return std::nullopt;
+}
+
+std::filesystem::path LocalContentBlockerManager::compiledListPath(const std::string& identifier) const {
+    return listsFolder_ / (identifier + ".json");
+}
+
+// Builds the matcher, reusing the previous one's body when only the
+// whitelisting tail changed, and keeps the list for other processes.
+std::optional<PlatformError> LocalContentBlockerManager::compileList(const std::string& identifier,
+                                                                     const std::string& json) {
+    std::shared_ptr<const ContentRuleMatcher> previous = json == "[]" ? nullptr : matcher(identifier);
+    std::shared_ptr<const ContentRuleMatcher> compiled;
+    if (json != "[]") {
+        auto result = ContentRuleMatcher::compile(json, ContentRuleMatcher::Limits{}, previous.get());
+        if (!result) return compileError(result.error().message());
+        compiled = std::move(*result);
+    }
+    std::error_code ignored;
+    std::filesystem::create_directories(listsFolder_, ignored);
+    const auto path = compiledListPath(identifier);
+    if (auto written = writeFileAtomically(path, json); !written)
+        return compileError("Failed to store the compiled rule list: " + written.error().message() + ".");
+    std::lock_guard lock(listsMutex_);
+    lists_[identifier] = CompiledList{fileStamp(path), std::move(compiled)};
+    return std::nullopt;
+}
+
+void LocalContentBlockerManager::setServesEmptyList(std::function<bool()> servesEmptyList) {
+    std::lock_guard lock(listsMutex_);
+    servesEmptyList_ = std::move(servesEmptyList);
+}
+
+std::shared_ptr<const ContentRuleMatcher> LocalContentBlockerManager::matcher(const std::string& identifier) {
+    const auto path = compiledListPath(identifier);
+    const FileStamp stamp = fileStamp(path);
+    {
+        std::lock_guard lock(listsMutex_);
+        if (auto found = lists_.find(identifier); found != lists_.end() && found->second.stamp == stamp)
+            return found->second.matcher;
+    }
+    // Compiled by another process since, or never seen by this one.
+    std::shared_ptr<const ContentRuleMatcher> compiled;
+    if (stamp.exists) {
+        if (auto bytes = readFile(path); bytes && *bytes != "[]") {
+            if (auto result = ContentRuleMatcher::compile(*bytes)) compiled = std::move(*result);
+        }
+    }
+    std::lock_guard lock(listsMutex_);
+    lists_[identifier] = CompiledList{stamp, compiled};
+    return compiled;
 }
 
 void LocalContentBlockerManager::setEnabled(const std::string& identifier, bool enabled) {

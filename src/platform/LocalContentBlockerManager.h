@@ -4,11 +4,15 @@
 #include <cstdint>
 #include <filesystem>
 #include <functional>
+#include <map>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
 
 #include "platform/ContentBlockerManager.h"
+#include "platform/ContentRuleMatcher.h"
+#include "platform/Files.h"
 #include "platform/InterProcessMutex.h"
 #include "platform/UserDefaults.h"
 
@@ -24,7 +28,10 @@
 //   * injected failures: "fail the next N reloads with code C", consumed one
 //     reload at a time under a lock shared by all processes. Codes 3 and 4097
 //     are the transient ones, in "SFErrorDomain" and "NSCocoaErrorDomain";
-//   * the outcome of each content blocker's last reload.
+//   * the outcome of each content blocker's last reload;
+//   * under lists/, the rule list each content blocker's last successful
+//     reload compiled, which the substitute Safari matches loads against
+//     (ContentRuleMatcher.h) until the next successful reload.
 namespace tamsel::platform {
 
 class LocalContentBlockerManager : public ContentBlockerManager,
@@ -68,13 +75,34 @@ public:
     // this on a global queue and answers from there.
     std::optional<PlatformError> reloadNow(const std::string& identifier);
 
+    // While this answers true (blocking is paused), the content-blocker
+    // extensions serve an empty list: a reload then compiles nothing, and
+    // nothing is blocked until the next reload after the pause.
+    void setServesEmptyList(std::function<bool()> servesEmptyList);
+
+    // The matcher of the list that `identifier`'s last successful reload
+    // compiled (by this process or another); null when nothing is compiled.
+    std::shared_ptr<const ContentRuleMatcher> matcher(const std::string& identifier);
+
 private:
+    std::filesystem::path compiledListPath(const std::string& identifier) const;
+    std::optional<PlatformError> compileList(const std::string& identifier, const std::string& json);
+
     std::optional<PlatformError> takeInjectedFailure(const std::string& identifier);
     void record(const std::string& identifier, const std::optional<PlatformError>& error, std::size_t entries);
 
     std::shared_ptr<UserDefaults> state_;
     mutable InterProcessMutex lock_;
     FileResolver resolver_;
+    std::filesystem::path listsFolder_;
+
+    struct CompiledList {
+        FileStamp stamp;
+        std::shared_ptr<const ContentRuleMatcher> matcher;
+    };
+    std::mutex listsMutex_;
+    std::function<bool()> servesEmptyList_;
+    std::map<std::string, CompiledList> lists_;
 };
 
 }  // namespace tamsel::platform

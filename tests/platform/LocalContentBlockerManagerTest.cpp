@@ -110,3 +110,60 @@ TEST_F(LocalContentBlockerManagerTest, EnabledStateIsPersistedAndDefaultsToEnabl
     other->getStateOfContentBlocker("nope", [&](auto, auto error) { unknown.set_value(error); });
     EXPECT_TRUE(unknown.get_future().get());
 }
+
+namespace {
+
+bool blocksAds(LocalContentBlockerManager& manager, const std::string& page = "https://news.example/") {
+    auto matcher = manager.matcher(adsID);
+    if (!matcher) return false;
+    auto load = PreparedLoad::prepare({"https://cdn.example/ads.js", page, LoadResourceType::script});
+    return load && matcher->evaluate(*load).blocked;
+}
+
+}  // namespace
+
+TEST_F(LocalContentBlockerManagerTest, EachSuccessfulReloadBuildsTheMatcherThatLoadsMeet) {
+    auto manager = makeManager();
+    EXPECT_EQ(manager->matcher(adsID), nullptr);  // never reloaded: nothing blocks
+    writeList(goodList);
+    ASSERT_EQ(reload(*manager), std::nullopt);
+    EXPECT_TRUE(blocksAds(*manager));
+    EXPECT_FALSE(blocksAds(*manager, "https://example.com/"));
+
+    // Another process sees what this one compiled, not what the file holds since.
+    writeList(R"([{"trigger":{"url-filter":"nothing"},"action":{"type":"block"}}])");
+    EXPECT_TRUE(blocksAds(*makeManager()));
+
+    // A refused reload leaves the last compiled list in place.
+    writeList(R"([{"trigger":{"url-filter":"a|b"},"action":{"type":"block"}}])");
+    ASSERT_TRUE(reload(*manager));
+    EXPECT_TRUE(blocksAds(*manager));
+}
+
+TEST_F(LocalContentBlockerManagerTest, OnlyAChangedWhitelistTailReusesTheCompiledBody) {
+    auto manager = makeManager();
+    writeList(goodList);
+    ASSERT_EQ(reload(*manager), std::nullopt);
+    writeList(R"([{"trigger":{"url-filter":"ads"},"action":{"type":"block"}},)"
+              R"({"trigger":{"url-filter":".*","if-domain":["news.example"]},"action":{"type":"ignore-previous-rules"}}])");
+    ASSERT_EQ(reload(*manager), std::nullopt);
+    EXPECT_TRUE(manager->matcher(adsID)->reusedBody());
+    EXPECT_FALSE(blocksAds(*manager));
+    EXPECT_TRUE(blocksAds(*manager, "https://example.com/"));
+}
+
+TEST_F(LocalContentBlockerManagerTest, WhilePausedAReloadServesAnEmptyListUntilTheNextReload) {
+    bool paused = false;
+    auto manager = makeManager();
+    manager->setServesEmptyList([&paused] { return paused; });
+    writeList(goodList);
+    ASSERT_EQ(reload(*manager), std::nullopt);
+    paused = true;
+    EXPECT_TRUE(blocksAds(*manager));  // the pause takes effect with the next reload
+    ASSERT_EQ(reload(*manager), std::nullopt);
+    EXPECT_FALSE(blocksAds(*manager));
+    paused = false;
+    EXPECT_FALSE(blocksAds(*manager));
+    ASSERT_EQ(reload(*manager), std::nullopt);
+    EXPECT_TRUE(blocksAds(*manager));
+}
