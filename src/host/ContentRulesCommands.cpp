@@ -20,7 +20,6 @@
 #include <vector>
 
 #include "host/Command.h"
-#include "host/ConsoleRouting.h"
 #include "host/InputFile.h"
 #include "host/SubstituteHost.h"
 #include "model/ExtensionType.h"
@@ -134,13 +133,9 @@ std::string errorLine(const std::string& message) {
     return buffer.GetString();
 }
 
-int runEvaluate(const std::string& path, const GlobalOptions& global) {
+int runEvaluate(const std::string& path) {
     int status = exitSuccess;
-    std::shared_ptr<const ContentRuleMatcher> matcher;
-    {
-        const ConsoleToStandardError quiet(global.verbose);
-        matcher = loadList(path, status);
-    }
+    const std::shared_ptr<const ContentRuleMatcher> matcher = loadList(path, status);
     if (!matcher) return status;
     const std::vector<platform::NamedContentRuleMatcher> lists{{path, matcher}};
     std::string line;
@@ -158,11 +153,7 @@ int runEvaluate(const std::string& path, const GlobalOptions& global) {
 
 int runStylesheet(const std::string& path, const GlobalOptions& global) {
     int status = exitSuccess;
-    std::shared_ptr<const ContentRuleMatcher> matcher;
-    {
-        const ConsoleToStandardError quiet(global.verbose);
-        matcher = loadList(path, status);
-    }
+    const std::shared_ptr<const ContentRuleMatcher> matcher = loadList(path, status);
     if (!matcher) return status;
     if (global.json) {
         rapidjson::StringBuffer buffer;
@@ -330,17 +321,16 @@ void addContentRulesCommands(CommandLine& commandLine) {
     CLI::App* evaluate = group->add_subcommand(
         "evaluate", "Read loads as JSON lines on standard input and write what the list does to each");
     evaluate->add_option("RULES", *evaluatePath, "A Safari JSON rule list")->required();
-    commandLine.setAction(evaluate, [evaluatePath, &commandLine] {
-        return runEvaluate(*evaluatePath, commandLine.options());
-    });
+    // Only the file given is read: the data root plays no part.
+    commandLine.setAction(evaluate, [evaluatePath] { return runEvaluate(*evaluatePath); }, Preparation::none);
 
     auto stylesheetPath = std::make_shared<std::string>();
     CLI::App* stylesheet =
         group->add_subcommand("stylesheet", "Print the list's global style sheet, one selector a line");
     stylesheet->add_option("RULES", *stylesheetPath, "A Safari JSON rule list")->required();
-    commandLine.setAction(stylesheet, [stylesheetPath, &commandLine] {
-        return runStylesheet(*stylesheetPath, commandLine.options());
-    });
+    commandLine.setAction(
+        stylesheet, [stylesheetPath, &commandLine] { return runStylesheet(*stylesheetPath, commandLine.options()); },
+        Preparation::none);
 
     CLI::App* safari = commandLine.group("safari", "Drive the substitute Safari content-blocker manager");
     auto load = std::make_shared<LoadOptions>();
