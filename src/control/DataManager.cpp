@@ -139,31 +139,19 @@ storage::PackageList DataManager::customPackageList() const {
 }
 
 void DataManager::setGeneralPackages(std::vector<Package> packages) {
-    auto list = listOf(std::move(packages));
-    std::lock_guard lock(mutex_);
-    lists_.general.swap(list);
-    forgetStamps(ListKind::general);
+    replaceList(ListKind::general, std::move(packages), {});
 }
 
 void DataManager::setInternationalPackages(std::vector<Package> packages) {
-    auto list = listOf(std::move(packages));
-    std::lock_guard lock(mutex_);
-    lists_.international.swap(list);
-    forgetStamps(ListKind::international);
+    replaceList(ListKind::international, std::move(packages), {});
 }
 
 void DataManager::setConfigurablePackages(std::vector<Package> packages) {
-    auto list = listOf(std::move(packages));
-    std::lock_guard lock(mutex_);
-    lists_.configurable.swap(list);
-    forgetStamps(ListKind::configurable);
+    replaceList(ListKind::configurable, std::move(packages), {});
 }
 
 void DataManager::setCustomPackages(std::vector<Package> packages) {
-    auto list = listOf(std::move(packages));
-    std::lock_guard lock(mutex_);
-    lists_.custom.swap(list);
-    forgetStamps(ListKind::custom);
+    replaceList(ListKind::custom, std::move(packages), {});
 }
 
 std::vector<Package> DataManager::allPackages() const {
@@ -188,7 +176,7 @@ void DataManager::loadAllPackages() {
         auto stamps = stampsOf(filesOf(kind));
         group.enter();
         read([this, &group, kind, stamps = std::move(stamps)](std::vector<Package> packages) mutable {
-            storeRead(kind, std::move(packages), std::move(stamps));
+            replaceList(kind, std::move(packages), std::move(stamps));
             group.leave();
         });
     };
@@ -230,11 +218,12 @@ storage::PackageList& DataManager::Lists::of(ListKind kind) {
     return custom;
 }
 
-void DataManager::storeRead(ListKind kind, std::vector<Package> packages,
-                            std::map<JSONFileName, platform::FileStamp> stamps) {
-    auto read = listOf(std::move(packages));
+void DataManager::replaceList(ListKind kind, std::vector<Package> packages,
+                              std::map<JSONFileName, platform::FileStamp> stamps) {
+    auto replacement = listOf(std::move(packages));
     std::lock_guard lock(mutex_);
-    lists_.of(kind).swap(read);
+    lists_.of(kind).swap(replacement);
+    forgetStamps(kind);
     for (auto& [file, stamp] : stamps) stamps_.insert_or_assign(file, stamp);
 }
 
@@ -258,7 +247,7 @@ void DataManager::refreshFromDisk() {
             const auto known = stamps_.find(file);
             stale = known == stamps_.end() ? lists_.of(reader.kind)->empty() : known->second != now;
         }
-        if (stale) storeRead(reader.kind, readNow(reader.read), std::move(stamps));
+        if (stale) replaceList(reader.kind, readNow(reader.read), std::move(stamps));
     }
 
     // The general files are large and most readers take them from disk

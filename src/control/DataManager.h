@@ -202,9 +202,10 @@ private:
 
     // Which list a package file holds.
     static ListKind listKind(model::JSONFileName file);
-    // Replaces a list with what was read from its files at `stamps`.
-    void storeRead(ListKind kind, std::vector<model::Package> packages,
-                   std::map<model::JSONFileName, platform::FileStamp> stamps);
+    // Replaces a list; `stamps` are the versions of its files it was read
+    // from (none: set in memory, not known to match any file).
+    void replaceList(ListKind kind, std::vector<model::Package> packages,
+                     std::map<model::JSONFileName, platform::FileStamp> stamps);
     void forgetStamps(ListKind kind);
 
     // Writes each file from `lists`, holding the package files' lock.

@@ -1,4 +1,5 @@
 #include "platform/ContentRuleListValidator.h"
+#include "platform/Text.h"
 
 #include <simdjson.h>
 
@@ -267,23 +268,11 @@ private:
         lastWasAtom_ = false;
     }
 
-    static int hexValue(char c) {
-        if (c >= '0' && c <= '9') return c - '0';
-        if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-        if (c >= 'A' && c <= 'F') return c - 'A' + 10;
-        return -1;
-    }
-
     // Reads `count` hex digits after the current position; -1 when they are not there.
     long readHex(size_t count) {
         if (pos_ + count > pattern_.size()) return -1;
-        long value = 0;
-        for (size_t i = 0; i < count; ++i) {
-            const int digit = hexValue(pattern_[pos_ + i]);
-            if (digit < 0) return -1;
-            value = value * 16 + digit;
-        }
-        pos_ += count;
+        const long value = hexadecimalValue(std::string_view(pattern_).substr(pos_, count));
+        if (value >= 0) pos_ += count;
         return value;
     }
 

@@ -1,4 +1,5 @@
 #include "platform/ContentRuleMatcher.h"
+#include "platform/Text.h"
 
 #include <re2/re2.h>
 #include <simdjson.h>
@@ -212,22 +213,10 @@ private:
         return std::nullopt;
     }
 
-    static int hexValue(char c) {
-        if (c >= '0' && c <= '9') return c - '0';
-        if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-        if (c >= 'A' && c <= 'F') return c - 'A' + 10;
-        return -1;
-    }
-
     long readHex(size_t count) {
         if (pos_ + count > p_.size()) return -1;
-        long value = 0;
-        for (size_t i = 0; i < count; ++i) {
-            const int digit = hexValue(p_[pos_ + i]);
-            if (digit < 0) return -1;
-            value = value * 16 + digit;
-        }
-        pos_ += count;
+        const long value = hexadecimalValue(std::string_view(p_).substr(pos_, count));
+        if (value >= 0) pos_ += count;
         return value;
     }
 

@@ -27,6 +27,21 @@ inline std::string trimmed(std::string_view text) {
     return first < last ? std::string(first, last) : std::string();
 }
 
+// The number `digits` spell in hexadecimal; -1 when one of them is no
+// hexadecimal digit.
+inline long hexadecimalValue(std::string_view digits) {
+    long value = 0;
+    for (char c : digits) {
+        const int digit = c >= '0' && c <= '9' ? c - '0'
+                          : c >= 'a' && c <= 'f' ? c - 'a' + 10
+                          : c >= 'A' && c <= 'F' ? c - 'A' + 10
+                                                 : -1;
+        if (digit < 0) return -1;
+        value = value * 16 + digit;
+    }
+    return value;
+}
+
 inline bool equalsIgnoringCase(std::string_view a, std::string_view b) {
     return std::ranges::equal(a, b, [](char x, char y) { return asciiLower(x) == asciiLower(y); });
 }

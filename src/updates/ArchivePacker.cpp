@@ -140,7 +140,13 @@ std::expected<std::string, std::string> packArchive(const std::vector<ArchiveEnt
         return std::unexpected(std::move(text));
     };
 
-    for (const ArchiveEntry& entry : entries) {
+    for (size_t i = 0; i < entries.size(); ++i) {
+        const ArchiveEntry& entry = entries[i];
+        // A later entry of the same name wins. It is left out here rather than
+        // overwritten in libzip, which would leak the replaced entry's password.
+        const bool replacedLater = std::any_of(entries.begin() + static_cast<std::ptrdiff_t>(i) + 1, entries.end(),
+                                               [&](const ArchiveEntry& later) { return later.name == entry.name; });
+        if (replacedLater) continue;
         zip_source_t* data = entrySource(archive, entry);
         if (!data) return fail(zip_strerror(archive));
         const zip_int64_t index = zip_file_add(archive, entry.name.c_str(), data, ZIP_FL_OVERWRITE | ZIP_FL_ENC_UTF_8);

@@ -29,7 +29,8 @@ struct PackOptions {
     ArchiveEncryption encryption = ArchiveEncryption::traditionalPKWARE;
 };
 
-// The archive's bytes, or libzip's reason for failing.
+// The archive's bytes, or libzip's reason for failing. Of entries that share a
+// name, the last one is packed.
 std::expected<std::string, std::string> packArchive(const std::vector<ArchiveEntry>& entries,
                                                     const PackOptions& options);
 
