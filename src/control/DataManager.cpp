@@ -227,6 +227,17 @@ void DataManager::replaceList(ListKind kind, std::vector<Package> packages,
     for (auto& [file, stamp] : stamps) stamps_.insert_or_assign(file, stamp);
 }
 
+void DataManager::replaceListIfUnchanged(ListKind kind, const storage::PackageList& expected,
+                                         std::vector<Package> packages,
+                                         std::map<JSONFileName, platform::FileStamp> stamps) {
+    auto replacement = listOf(std::move(packages));
+    std::lock_guard lock(mutex_);
+    if (lists_.of(kind) != expected) return;
+    lists_.of(kind).swap(replacement);
+    forgetStamps(kind);
+    for (auto& [file, stamp] : stamps) stamps_.insert_or_assign(file, stamp);
+}
+
 void DataManager::forgetStamps(ListKind kind) {
     for (JSONFileName file : filesOf(kind)) stamps_.erase(file);
 }
@@ -241,13 +252,24 @@ void DataManager::refreshFromDisk() {
                                  Reader{ListKind::custom, &PersistentStore::readCustomPackages}}) {
         auto stamps = stampsOf(filesOf(reader.kind));
         bool stale = false;
+        storage::PackageList before;
         {
             std::lock_guard lock(mutex_);
+            before = lists_.of(reader.kind);
             const auto& [file, now] = *stamps.begin();
             const auto known = stamps_.find(file);
-            stale = known == stamps_.end() ? lists_.of(reader.kind)->empty() : known->second != now;
+            stale = known == stamps_.end() ? before->empty() : known->second != now;
         }
-        if (stale) replaceList(reader.kind, readNow(reader.read), std::move(stamps));
+        if (!stale) continue;
+        // Under the package files' lock (an edit session) this read is the
+        // truth. A rebuild refreshes without that lock while an edit session
+        // of this process may be changing the same list: the edit, made on
+        // the files as they are under the lock, wins over this read.
+        if (storage::PackageFilesLock::isHeld()) {
+            replaceList(reader.kind, readNow(reader.read), std::move(stamps));
+        } else {
+            replaceListIfUnchanged(reader.kind, before, readNow(reader.read), std::move(stamps));
+        }
     }
 
     // The general files are large and most readers take them from disk

@@ -206,6 +206,11 @@ private:
     // from (none: set in memory, not known to match any file).
     void replaceList(ListKind kind, std::vector<model::Package> packages,
                      std::map<model::JSONFileName, platform::FileStamp> stamps);
+    // The same, unless the list is no longer `expected`: an edit made while
+    // the files were read is newer than what was read, and stays.
+    void replaceListIfUnchanged(ListKind kind, const storage::PackageList& expected,
+                                std::vector<model::Package> packages,
+                                std::map<model::JSONFileName, platform::FileStamp> stamps);
     void forgetStamps(ListKind kind);
 
     // Writes each file from `lists`, holding the package files' lock.

@@ -11,6 +11,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <filesystem>
 #include <thread>
 
@@ -507,6 +508,31 @@ TEST_F(SharedFilesTest, AChangedGeneralFileDropsTheGeneralListForReadersToTakeFr
     EXPECT_TRUE(manager.generalPackageList()->empty());
     manager.loadAllPackages();
     EXPECT_THAT(ruleIDsOf(manager.generalPackages().front()), ElementsAre("new"));
+}
+
+TEST_F(SharedFilesTest, ARebuildRefreshingMeanwhileLosesNoEdit) {
+    // A rebuild refreshes the lists without the package files' lock, on a
+    // thread of its own, while this program and another one edit them.
+    std::atomic<bool> editing{true};
+    std::thread rebuild([&] {
+        while (editing) manager.refreshFromDisk();
+    });
+    std::thread theirs([&] {
+        for (int i = 0; i < 40; ++i) other.saveRule(whitelistRule(fmt::format("theirs-{}", i)), whitelistOf(other));
+    });
+    for (int i = 0; i < 40; ++i) manager.saveRule(whitelistRule(fmt::format("ours-{}", i)), whitelistOf(manager));
+    theirs.join();
+    editing = false;
+    rebuild.join();
+
+    const auto onDisk = readList(JSONFileName::blockConfigurable);
+    const auto whitelist = std::find_if(onDisk.begin(), onDisk.end(), [](const Package& p) { return p.id == "whitelist"; });
+    ASSERT_NE(whitelist, onDisk.end());
+    const auto ids = ruleIDsOf(*whitelist);
+    for (int i = 0; i < 40; ++i) {
+        EXPECT_THAT(ids, Contains(fmt::format("ours-{}", i)));
+        EXPECT_THAT(ids, Contains(fmt::format("theirs-{}", i)));
+    }
 }
 
 TEST_F(SharedFilesTest, ASaveOwesTheRebuildItAsksForBeforeAnythingIsWritten) {
