@@ -1,4 +1,5 @@
 #include "platform/ContentRuleListValidator.h"
+#include "platform/RegexEscape.h"
 #include "platform/Text.h"
 
 #include <simdjson.h>
@@ -268,55 +269,21 @@ private:
         lastWasAtom_ = false;
     }
 
-    // Reads `count` hex digits after the current position; -1 when they are not there.
-    long readHex(size_t count) {
-        if (pos_ + count > pattern_.size()) return -1;
-        const long value = hexadecimalValue(std::string_view(pattern_).substr(pos_, count));
-        if (value >= 0) pos_ += count;
-        return value;
-    }
-
     // The character an escape stands for (shared by atoms and class members),
     // or nothing after reporting why it is refused. `inClass` changes \b.
     std::optional<unsigned> escapedCharacter(char e, bool inClass) {
+        if (auto value = controlEscapeValue(e, inClass, pattern_, pos_)) return value;
         switch (e) {
-        case 'd': case 'D': case 'w': case 'W': case 's': case 'S':
-            fail(inClass ? URLFilterStatus::atomCharacter : URLFilterStatus::unsupportedCharacterClass);
-            return std::nullopt;
         case 'b':
-            if (inClass) return 0x08;
             fail(URLFilterStatus::wordBoundary);
             return std::nullopt;
         case 'B':
             if (inClass) return 'B';
             fail(URLFilterStatus::wordBoundary);
             return std::nullopt;
-        case 'f': return '\f';
-        case 'n': return '\n';
-        case 'r': return '\r';
-        case 't': return '\t';
-        case 'v': return '\v';
-        case 'x': {
-            const long value = readHex(2);
-            return value < 0 ? 'x' : static_cast<unsigned>(value);
-        }
-        case 'u': {
-            const long value = readHex(4);
-            return value < 0 ? 'u' : static_cast<unsigned>(value);
-        }
-        case 'c':
-            if (pos_ < pattern_.size() && std::isalpha(static_cast<unsigned char>(pattern_[pos_])))
-                return static_cast<unsigned>(pattern_[pos_++]) % 32;
-            --pos_;  // "\c" without a letter is a literal backslash followed by 'c'
-            return '\\';
-        case '0': {
-            unsigned value = 0;
-            for (int digits = 0; digits < 2 && pos_ < pattern_.size() && pattern_[pos_] >= '0' &&
-                                 pattern_[pos_] <= '7';
-                 ++digits)
-                value = value * 8 + static_cast<unsigned>(pattern_[pos_++] - '0');
-            return value;
-        }
+        case 'd': case 'D': case 'w': case 'W': case 's': case 'S':
+            fail(inClass ? URLFilterStatus::atomCharacter : URLFilterStatus::unsupportedCharacterClass);
+            return std::nullopt;
         default:
             if (e >= '1' && e <= '9') {
                 if (inClass) return static_cast<unsigned>(e);  // octal-ish identity inside a class

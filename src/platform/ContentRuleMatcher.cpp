@@ -1,4 +1,5 @@
 #include "platform/ContentRuleMatcher.h"
+#include "platform/RegexEscape.h"
 #include "platform/Text.h"
 
 #include <re2/re2.h>
@@ -213,43 +214,11 @@ private:
         return std::nullopt;
     }
 
-    long readHex(size_t count) {
-        if (pos_ + count > p_.size()) return -1;
-        const long value = hexadecimalValue(std::string_view(p_).substr(pos_, count));
-        if (value >= 0) pos_ += count;
-        return value;
-    }
-
+    // The character an escape stands for; the validator has refused the
+    // escapes a url-filter may not hold, so the rest are identity escapes.
     unsigned escaped(char e, bool inClass) {
-        switch (e) {
-        case 'b': return inClass ? 0x08 : 'b';
-        case 'f': return '\f';
-        case 'n': return '\n';
-        case 'r': return '\r';
-        case 't': return '\t';
-        case 'v': return '\v';
-        case 'x': {
-            const long value = readHex(2);
-            return value < 0 ? 'x' : static_cast<unsigned>(value);
-        }
-        case 'u': {
-            const long value = readHex(4);
-            return value < 0 ? 'u' : static_cast<unsigned>(value);
-        }
-        case 'c':
-            if (pos_ < p_.size() && std::isalpha(static_cast<unsigned char>(p_[pos_])))
-                return static_cast<unsigned>(p_[pos_++]) % 32;
-            --pos_;
-            return '\\';
-        case '0': {
-            unsigned value = 0;
-            for (int digits = 0; digits < 2 && pos_ < p_.size() && p_[pos_] >= '0' && p_[pos_] <= '7'; ++digits)
-                value = value * 8 + static_cast<unsigned>(p_[pos_++] - '0');
-            return value;
-        }
-        default:
-            return static_cast<unsigned char>(e);
-        }
+        if (auto value = controlEscapeValue(e, inClass, p_, pos_)) return *value;
+        return static_cast<unsigned char>(e);
     }
 
     void characterClass() {
