@@ -4,6 +4,7 @@
 
 #include <re2/re2.h>
 #include <simdjson.h>
+#include <xxhash.h>
 
 #include <algorithm>
 #include <array>
@@ -470,6 +471,13 @@ struct ContentRuleMatcher::Segment {
     std::vector<std::string> globalSheet;
     std::uint64_t hash = 0;
     std::size_t entryCount = 0;
+    // A body keeps where it stood in its list's text: the bytes from the
+    // list's start to the end of its last element, as a digest, and how many
+    // elements they hold. A list that starts with the same bytes and goes on
+    // with whitelisting entries only shares the body without parsing it.
+    std::size_t sourceBytes = 0;
+    std::uint64_t sourceDigest = 0;
+    std::size_t sourceElements = 0;
 
     ~Segment() {
         for (size_t i = 0; i < rules.size(); ++i) delete regexes[i].load();
@@ -765,8 +773,102 @@ bool ContentRuleMatcher::Segment::fires(const Rule& rule, const PreparedLoad& lo
 
 ContentRuleMatcher::~ContentRuleMatcher() = default;
 
+namespace {
+
+// The offset just past the `count`-th element of a JSON array's text; the
+// text is an array the grammar gate accepted.
+std::size_t endOfElement(std::string_view json, std::size_t count) {
+    std::size_t seen = 0;
+    int depth = 0;
+    bool inString = false;
+    for (std::size_t i = 0; i < json.size(); ++i) {
+        const char c = json[i];
+        if (inString) {
+            if (c == '\\') ++i;
+            else if (c == '"') inString = false;
+            continue;
+        }
+        switch (c) {
+        case '"': inString = true; break;
+        case '[': case '{': ++depth; break;
+        case ']': case '}':
+            if (--depth == 1 && ++seen == count) return i + 1;
+            break;
+        default: break;
+        }
+    }
+    return 0;
+}
+
+bool isJSONSpace(char c) { return c == ' ' || c == '\n' || c == '\r' || c == '\t'; }
+
+// Reads the entries of a parsed list; `elementOf` receives each entry's place
+// among the list's elements (entries with an unusable selector are dropped).
+std::vector<EntryView> readEntries(simdjson::dom::array array, std::vector<std::size_t>* elementOf) {
+    std::vector<EntryView> entries;
+    entries.reserve(array.size());
+    std::size_t element = 0;
+    for (auto item : array) {
+        if (auto entry = readEntry(item)) {
+            entries.push_back(std::move(*entry));
+            if (elementOf) elementOf->push_back(element);
+        }
+        ++element;
+    }
+    return entries;
+}
+
+}  // namespace
+
+std::shared_ptr<const ContentRuleMatcher> ContentRuleMatcher::withBodyOf(const ContentRuleMatcher& previous,
+                                                                         std::string_view json,
+                                                                         const Limits& limits) {
+    const Segment& body = *previous.body_;
+    const std::size_t n = body.sourceBytes;
+    if (n == 0 || json.size() <= n || XXH3_64bits(json.data(), n) != body.sourceDigest) return nullptr;
+    std::size_t i = n;
+    while (i < json.size() && isJSONSpace(json[i])) ++i;
+    std::string tailText;
+    if (i < json.size() && json[i] == ']') {
+        for (std::size_t j = i + 1; j < json.size(); ++j)
+            if (!isJSONSpace(json[j])) return nullptr;
+        tailText = "[]";
+    } else if (i < json.size() && json[i] == ',') {
+        tailText.reserve(json.size() - i);
+        tailText += '[';
+        tailText.append(json.substr(i + 1));
+    } else {
+        return nullptr;
+    }
+    // Anything the tail does wrong, the whole list is compiled again, so that
+    // a refusal names the entry by its place in the whole list.
+    std::size_t tailElements = 0;
+    if (validateContentRuleList(tailText, &tailElements)) return nullptr;
+    if (body.sourceElements + tailElements > maximumContentRuleCount) return nullptr;
+    simdjson::dom::parser parser;
+    simdjson::padded_string padded(tailText);
+    simdjson::dom::array array;
+    if (parser.parse(padded).get_array().get(array)) return nullptr;
+    const std::vector<EntryView> tail = readEntries(array, nullptr);
+    if (tail.size() != tailElements) return nullptr;
+    for (const auto& entry : tail)
+        if (entry.action != Action::ignorePreviousRules) return nullptr;
+    if (Segment::estimate(tail) > limits.memoryBudget) return nullptr;
+
+    std::shared_ptr<ContentRuleMatcher> matcher(new ContentRuleMatcher());
+    matcher->body_ = previous.body_;
+    matcher->reusedBody_ = true;
+    auto tailSegment = std::make_shared<Segment>();
+    tailSegment->build(tail, false);
+    matcher->tail_ = std::move(tailSegment);
+    matcher->elementCount_ = body.sourceElements + tailElements;
+    return matcher;
+}
+
 std::expected<std::shared_ptr<const ContentRuleMatcher>, ContentRuleListError> ContentRuleMatcher::compile(
     std::string_view json, const Limits& limits, const ContentRuleMatcher* previous) {
+    if (previous && previous->body_)
+        if (auto matcher = withBodyOf(*previous, json, limits)) return matcher;
     if (auto refused = validateContentRuleList(json)) return std::unexpected(std::move(*refused));
 
     simdjson::dom::parser parser;
@@ -774,10 +876,8 @@ std::expected<std::shared_ptr<const ContentRuleMatcher>, ContentRuleListError> C
     simdjson::dom::array array;
     if (parser.parse(padded).get_array().get(array))
         return std::unexpected(ContentRuleListError{ContentRuleListErrorCode::jsonInvalid, std::nullopt, {}});
-    std::vector<EntryView> entries;
-    entries.reserve(array.size());
-    for (auto element : array)
-        if (auto entry = readEntry(element)) entries.push_back(std::move(*entry));
+    std::vector<std::size_t> elementOf;
+    const std::vector<EntryView> entries = readEntries(array, &elementOf);
 
     if (Segment::estimate(entries) > limits.memoryBudget)
         return std::unexpected(ContentRuleListError{
@@ -794,6 +894,7 @@ std::expected<std::shared_ptr<const ContentRuleMatcher>, ContentRuleListError> C
     for (const auto& entry : body) bodyHash = hashEntry(bodyHash, entry);
 
     std::shared_ptr<ContentRuleMatcher> matcher(new ContentRuleMatcher());
+    matcher->elementCount_ = array.size();
     if (previous && previous->body_ && previous->body_->hash == bodyHash &&
         previous->body_->entryCount == body.size()) {
         matcher->body_ = previous->body_;
@@ -802,6 +903,12 @@ std::expected<std::shared_ptr<const ContentRuleMatcher>, ContentRuleListError> C
         auto segment = std::make_shared<Segment>();
         segment->hash = bodyHash;
         segment->build(body, true);
+        // The body's elements: all before the tail's first one.
+        segment->sourceElements = tailStart < entries.size() ? elementOf[tailStart] : array.size();
+        if (segment->sourceElements > 0) {
+            segment->sourceBytes = endOfElement(json, segment->sourceElements);
+            segment->sourceDigest = XXH3_64bits(json.data(), segment->sourceBytes);
+        }
         matcher->body_ = std::move(segment);
     }
     auto tailSegment = std::make_shared<Segment>();

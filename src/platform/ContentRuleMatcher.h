@@ -98,7 +98,8 @@ public:
     // grammar gate refuses, and with `exceedsMemoryBudget` a list too large
     // for `limits`. When `previous` holds the same rules before its trailing
     // run of ignore-previous-rules entries (the whitelisting tail), its
-    // compiled body is shared instead of built again.
+    // compiled body is shared instead of built again; when the text up to
+    // the tail is the same too, the body is not even parsed again.
     static std::expected<std::shared_ptr<const ContentRuleMatcher>, ContentRuleListError> compile(
         std::string_view json, const Limits& limits, const ContentRuleMatcher* previous = nullptr);
     static std::expected<std::shared_ptr<const ContentRuleMatcher>, ContentRuleListError> compile(
@@ -115,6 +116,8 @@ public:
     const std::vector<std::string>& globalStyleSheet() const;
 
     std::size_t ruleCount() const;
+    // The list's entries as Safari counts them (every element of the array).
+    std::size_t entryCount() const { return elementCount_; }
     // Bytes the matcher holds, regular expressions compiled so far included.
     std::size_t memoryUsage() const;
     // How the rules are filed: under a piece of their url-filter, under the
@@ -132,9 +135,15 @@ public:
 
 private:
     ContentRuleMatcher() = default;
+    // The matcher of `json` when it is `previous`'s body, byte for byte,
+    // followed by whitelisting entries only; nothing otherwise.
+    static std::shared_ptr<const ContentRuleMatcher> withBodyOf(const ContentRuleMatcher& previous,
+                                                                std::string_view json, const Limits& limits);
+
     std::shared_ptr<const Segment> body_;
     std::shared_ptr<const Segment> tail_;
     bool reusedBody_ = false;
+    std::size_t elementCount_ = 0;
 };
 
 // One enabled content blocker's matcher.

@@ -119,19 +119,13 @@ std::optional<PlatformError> LocalContentBlockerManager::reloadNow(const std::st
         std::lock_guard lock(listsMutex_);
         empty = servesEmptyList_ && servesEmptyList_();
     }
-    std::size_t entries = 0;
-    if (empty) {
-        bytes->assign("[]");
-    } else if (auto refused = validateContentRuleList(*bytes, &entries)) {
-        auto error = compileError(refused->message());
-        record(identifier, error, 0);
-        return error;
+    if (empty) bytes->assign("[]");
+    auto entries = compileList(identifier, *bytes);
+    if (!entries) {
+        record(identifier, entries.error(), 0);
+        return entries.error();
     }
-    if (auto error = compileList(identifier, *bytes)) {
-        record(identifier, error, 0);
-        return error;
-    }
-    record(identifier, std::nullopt, entries);
+    record(identifier, std::nullopt, *entries);
     return std::nullopt;
 }
 
@@ -139,25 +133,28 @@ std::filesystem::path LocalContentBlockerManager::compiledListPath(const std::st
     return listsFolder_ / (identifier + ".json");
 }
 
-// Builds the matcher, reusing the previous one's body when only the
-// whitelisting tail changed, and keeps the list for other processes.
-std::optional<PlatformError> LocalContentBlockerManager::compileList(const std::string& identifier,
-                                                                     const std::string& json) {
+// Builds the matcher, behind the grammar gate, reusing the previous one's
+// body when only the whitelisting tail changed, and keeps the list for other
+// processes. Answers the number of entries Safari would count.
+std::expected<std::size_t, PlatformError> LocalContentBlockerManager::compileList(const std::string& identifier,
+                                                                                  const std::string& json) {
     std::shared_ptr<const ContentRuleMatcher> previous = json == "[]" ? nullptr : matcher(identifier);
     std::shared_ptr<const ContentRuleMatcher> compiled;
     if (json != "[]") {
         auto result = ContentRuleMatcher::compile(json, ContentRuleMatcher::Limits{}, previous.get());
-        if (!result) return compileError(result.error().message());
+        if (!result) return std::unexpected(compileError(result.error().message()));
         compiled = std::move(*result);
     }
+    const std::size_t entries = compiled ? compiled->entryCount() : 0;
     std::error_code ignored;
     std::filesystem::create_directories(listsFolder_, ignored);
     const auto path = compiledListPath(identifier);
     if (auto written = writeFileAtomically(path, json); !written)
-        return compileError("Failed to store the compiled rule list: " + written.error().message() + ".");
+        return std::unexpected(
+            compileError("Failed to store the compiled rule list: " + written.error().message() + "."));
     std::lock_guard lock(listsMutex_);
     lists_[identifier] = CompiledList{fileStamp(path), std::move(compiled)};
-    return std::nullopt;
+    return entries;
 }
 
 void LocalContentBlockerManager::setServesEmptyList(std::function<bool()> servesEmptyList) {

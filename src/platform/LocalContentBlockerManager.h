@@ -1,6 +1,7 @@
 #pragma once
 
 #include <chrono>
+#include <expected>
 #include <cstdint>
 #include <filesystem>
 #include <functional>
@@ -86,7 +87,7 @@ public:
 
 private:
     std::filesystem::path compiledListPath(const std::string& identifier) const;
-    std::optional<PlatformError> compileList(const std::string& identifier, const std::string& json);
+    std::expected<std::size_t, PlatformError> compileList(const std::string& identifier, const std::string& json);
 
     std::optional<PlatformError> takeInjectedFailure(const std::string& identifier);
     void record(const std::string& identifier, const std::optional<PlatformError>& error, std::size_t entries);

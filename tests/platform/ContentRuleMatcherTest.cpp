@@ -258,6 +258,45 @@ TEST(ContentRuleCompileTest, AnUnchangedBodyIsReusedWhenOnlyTheWhitelistTailChan
     EXPECT_FALSE((*changed)->reusedBody());
 }
 
+TEST(ContentRuleCompileTest, OnlyAWhitelistingContinuationOfTheSameBodyTextSkipsTheBody) {
+    const std::string body = R"([{"trigger":{"url-filter":"ads"},"action":{"type":"block"}},)"
+                             R"({"trigger":{"url-filter":"x"},"action":{"type":"css-display-none","selector":"}"}})";
+    const std::string allow = R"({"trigger":{"url-filter":".*","if-domain":["a.example"]},"action":{"type":"ignore-previous-rules"}})";
+    auto first = compiled(body + "," + allow + "]");
+    ASSERT_TRUE(first);
+    EXPECT_EQ(first->entryCount(), 3u);  // the entry with an unusable selector still counts
+
+    auto none = ContentRuleMatcher::compile(body + " ]\n", {}, first.get());
+    ASSERT_TRUE(none);
+    EXPECT_TRUE((*none)->reusedBody());
+    EXPECT_EQ((*none)->entryCount(), 2u);
+    EXPECT_TRUE(run(*none, "https://x/ads", "https://a.example/").blocked);
+
+    // A blocking entry after the body makes it a new body, which blocks.
+    auto blocking = ContentRuleMatcher::compile(
+        body + "," + allow + R"(,{"trigger":{"url-filter":"more"},"action":{"type":"block"}}])", {}, first.get());
+    ASSERT_TRUE(blocking);
+    EXPECT_FALSE((*blocking)->reusedBody());
+    EXPECT_TRUE(run(*blocking, "https://x/more", "https://a.example/").blocked);
+    EXPECT_FALSE(run(*blocking, "https://x/ads", "https://a.example/").blocked);
+
+    // A refused tail entry is named by its place in the whole list.
+    auto refused = ContentRuleMatcher::compile(
+        body + R"(,{"trigger":{"url-filter":"a|b"},"action":{"type":"ignore-previous-rules"}}])", {}, first.get());
+    ASSERT_FALSE(refused);
+    EXPECT_EQ(refused.error().code, ContentRuleListErrorCode::invalidRegex);
+    EXPECT_EQ(refused.error().entryIndex, std::optional<std::size_t>(2));
+
+    // One changed byte in the body is a new body.
+    std::string edited = body;
+    edited.replace(edited.find("ads"), 3, "adz");
+    auto changed = ContentRuleMatcher::compile(edited + "," + allow + "]", {}, first.get());
+    ASSERT_TRUE(changed);
+    EXPECT_FALSE((*changed)->reusedBody());
+    EXPECT_TRUE(run(*changed, "https://x/adz").blocked);
+    EXPECT_FALSE(run(*changed, "https://x/ads").blocked);
+}
+
 TEST(ContentRuleCompileTest, TranslatesEscapesClassesAndQuantifiersForRE2) {
     EXPECT_EQ(translateURLFilter("^a\\.b"), "^a\\x{2e}b");
     EXPECT_EQ(translateURLFilter("x{1,}y{0,1}"), "x+y?");
