@@ -2,14 +2,12 @@
 
 #include <cstdlib>
 
-#include "platform/BuildConfig.h"
-
 namespace tamsel::platform {
 
 std::filesystem::path resourcesDirectory() {
     const char* resources = std::getenv("TAMSEL_RESOURCES");
     if (resources != nullptr && *resources != '\0') return resources;
-    return build::resourcesDirectory;
+    return TAMSEL_RESOURCES_DIR;
 }
 
 }  // namespace tamsel::platform
