@@ -614,7 +614,14 @@ void SafariExtensionViewController::presentWhitelistEditor() {
         if (const auto popover = weak.lock()) popover->dismissWhitelist();
     };
     presenter.didSaveChange = [weak] {
-        if (const auto popover = weak.lock()) popover->whitelistEditorDidChange_ = true;
+        const auto popover = weak.lock();
+        if (!popover) return;
+        popover->whitelistEditorDidChange_ = true;
+        // The site's whitelist state changed: the rows, and the heart on the
+        // badge, follow at once rather than at the next validation.
+        if (const auto host = popover->currentHost()) popover->readSiteState(*host);
+        popover->changed(PopoverChange::rows);
+        popover->changed(PopoverChange::badge);
     };
     presenter.changed = [weak] {
         if (const auto popover = weak.lock()) popover->changed(PopoverChange::children);

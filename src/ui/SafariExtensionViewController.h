@@ -88,7 +88,8 @@ public:
 enum class PopoverChange {
     rows,      // texts, switches or counters of the table
     children,  // a child view or alert came or went, or a presented one changed
-    badge,     // the badge preference changed: the toolbar badge needs a new computation
+    badge,     // the badge preference or the site's whitelist state changed: the
+               // toolbar badge needs a new computation
 };
 
 class SafariExtensionViewController : public std::enable_shared_from_this<SafariExtensionViewController> {

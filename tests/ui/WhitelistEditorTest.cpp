@@ -55,6 +55,9 @@ TEST_F(WhitelistEditorTest, TheCategoriesOnlyChoicesAndWhatEachSaves) {
     ASSERT_EQ(whitelistRules().size(), 1u);
     EXPECT_THAT(whitelistRules()[0].partialWhitelist, IsEmpty());
     EXPECT_TRUE(popover->whitelistEditorDidChange());
+    // The popover knows at once, for the rows and the badge's heart.
+    EXPECT_EQ(popover->isCurrentDomainWhitelisted(), true);
+    EXPECT_THAT(changes, Contains(PopoverChange::badge));
 
     // Disable-all off reveals the header and the eight categories, none chosen:
     // no category is off, so the site keeps no rule.
@@ -92,6 +95,7 @@ TEST_F(WhitelistEditorTest, TheCategoriesOnlyChoicesAndWhatEachSaves) {
     EXPECT_THAT(editor->disabledExtensions(), ElementsAre(ExtensionType::blockAds));
     settle(editor);
     EXPECT_THAT(whitelistRules(), IsEmpty());
+    EXPECT_EQ(popover->isCurrentDomainWhitelisted(), false);
     EXPECT_THAT(log.lines(), Contains("Changed turn off blocking switch to false"));
     EXPECT_THAT(log.lines(), Contains("Changed disable all switch to false, tag = 0"));
     EXPECT_FALSE(popover->presentedAlert());
