@@ -101,6 +101,23 @@ TEST_F(WhitelistEditorTest, TheCategoriesOnlyChoicesAndWhatEachSaves) {
     EXPECT_FALSE(popover->presentedAlert());
 }
 
+TEST_F(WhitelistEditorTest, QuickSwitchChangesEndInTheLastChoice) {
+    const auto editor = openEditor();
+    ASSERT_TRUE(editor);
+    editor->didChangeTurnOffBlockingSwitch(true);
+    editor->didChangeDisableAllSwitch(false);
+    editor->didChangeContentBlockerSwitch(true, 0);
+    editor->didChangeContentBlockerSwitch(true, 1);
+    settle(editor);
+    ASSERT_EQ(whitelistRules().size(), 1u);
+    EXPECT_THAT(whitelistRules()[0].partialWhitelist, ElementsAre(ExtensionType::blockAds, ExtensionType::blockTrackers));
+
+    for (const bool off : {false, true, false, true, false}) editor->didChangeTurnOffBlockingSwitch(off);
+    settle(editor);
+    EXPECT_THAT(whitelistRules(), IsEmpty());
+    EXPECT_FALSE(popover->presentedAlert());
+}
+
 TEST_F(WhitelistEditorTest, StartsFromTheSitesRule) {
     manager.setConfigurablePackages(
         {model::Package("whitelist", "Whitelist",
