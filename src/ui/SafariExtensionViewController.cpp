@@ -91,7 +91,6 @@ private:
 
 SafariExtensionViewController::SafariExtensionViewController(Collaborators collaborators)
     : collaborators_(std::move(collaborators)) {
-    if (!collaborators_.reporter) collaborators_.reporter = std::make_shared<LocalReporter>();
     if (!collaborators_.systemActions) collaborators_.systemActions = std::make_shared<PrintingSystemActions>();
     if (!collaborators_.calendar) collaborators_.calendar = platform::Calendar::current();
     if (!collaborators_.supportAddress) collaborators_.supportAddress = build::supportAddress;

@@ -112,7 +112,7 @@ public:
         std::shared_ptr<control::ExtensionManager> extensionManager;  // ExtensionManager::shared()
         std::shared_ptr<storage::ExtensionReloading> reloading;       // ExtensionReloading::shared()
         runtime::HistoryStore* history = nullptr;                     // HistoryStore::shared()
-        std::shared_ptr<Reporter> reporter;                           // LocalReporter
+        std::shared_ptr<Reporter> reporter;                           // Reporter::shared() at each report
         std::shared_ptr<SystemActions> systemActions;                 // PrintingSystemActions
         const platform::Clock* clock = nullptr;                       // the system clock
         std::optional<platform::Calendar> calendar;                   // the current calendar

@@ -2,6 +2,7 @@
 // rule, notes), the report view with its reporter seam, and the theme and
 // alert contracts.
 #include "PopoverTestSupport.h"
+#include "platform/BuildConfig.h"
 #include "runtime/BlockedResource.h"
 #include "ui/Texts.h"
 #include "ui/Theme.h"
@@ -209,6 +210,26 @@ TEST_F(ReportTest, WithoutAReportServiceTheErrorIsShown) {
     EXPECT_TRUE(log.contains("Error reporting: "));
     // A failed send keeps the choice for another try.
     EXPECT_EQ(view->reportType(), ReportType::brokenSite);
+}
+
+TEST_F(ReportTest, ThePopoversReportRowSendsThroughTheInstalledReporter) {
+    auto reporter = std::make_shared<ScriptedReporter>(true);
+    Reporter::setShared(reporter);
+    openPage("https://example.com/page");
+    ASSERT_TRUE(popover->clickRow(SafariExtensionViewController::CellID::reportProblem));
+    const auto view = child<ReportSiteViewController>();
+    ASSERT_TRUE(view);
+    view->chooseReportType(ReportType::somethingNotBlocked);
+    changes.clear();
+    view->send();
+    ASSERT_TRUE(runUntil([&] { return !view->isSending(); }));
+    Reporter::setShared(nullptr);
+    ASSERT_EQ(reporter->posted.size(), 1u);
+    EXPECT_EQ(reporter->posted[0].url, "https://example.com/page");
+    EXPECT_THAT(changes, Contains(PopoverChange::children));
+    EXPECT_EQ(Reporter::containerIdentifier(), std::string("iCloud.") + build::baseIdentifier + ".Report");
+    view->dismiss();
+    EXPECT_FALSE(popover->presentedChild());
 }
 
 // --- Theme, alerts and texts --------------------------------------------------------------------------------
