@@ -2,17 +2,24 @@
 
 #include <algorithm>
 
+#include "platform/MainRunLoop.h"
+
 namespace tamsel::platform {
 
 namespace {
 
-// Safari's answers come later, on one of its threads.
+// Safari's answers come later, on one of its threads; the application counts
+// them until they have been handled, so that the host can wait for quiet.
 template <class T>
-void answer(std::function<void(T)> completionHandler, T value) {
-    DispatchQueue::global().async(
-        [completionHandler = std::move(completionHandler), value = std::move(value)]() mutable {
-            completionHandler(std::move(value));
-        });
+void answer(const std::weak_ptr<LocalSafariApplication>& application, std::function<void(T)> completionHandler,
+            T value) {
+    auto block = [completionHandler = std::move(completionHandler), value = std::move(value)]() mutable {
+        completionHandler(std::move(value));
+    };
+    if (auto app = application.lock())
+        app->answerLater(std::move(block));
+    else
+        DispatchQueue::global().async(std::move(block));
 }
 
 }  // namespace
@@ -46,7 +53,7 @@ void LocalSafariPage::getPropertiesWithCompletionHandler(
         properties.url = url_;
         properties.title = url_;
     }
-    answer<std::optional<SafariPageProperties>>(std::move(completionHandler), properties);
+    answer<std::optional<SafariPageProperties>>(application_, std::move(completionHandler), properties);
 }
 
 void LocalSafariPage::reload() {
@@ -125,7 +132,7 @@ void LocalToolbarItem::changed() {
 
 void LocalSafariTab::getActivePageWithCompletionHandler(
     std::function<void(std::shared_ptr<SafariPage>)> completionHandler) {
-    answer<std::shared_ptr<SafariPage>>(std::move(completionHandler), page_);
+    answer<std::shared_ptr<SafariPage>>(application_, std::move(completionHandler), page_);
 }
 
 void LocalSafariWindow::getActiveTabWithCompletionHandler(
@@ -137,12 +144,12 @@ void LocalSafariWindow::getActiveTabWithCompletionHandler(
             if (window.window.get() == this && window.activeTab < window.tabs.size())
                 active = window.tabs[window.activeTab];
     }
-    answer(std::move(completionHandler), std::move(active));
+    answer(application_, std::move(completionHandler), std::move(active));
 }
 
 void LocalSafariWindow::getToolbarItemWithCompletionHandler(
     std::function<void(std::shared_ptr<SafariToolbarItem>)> completionHandler) {
-    answer<std::shared_ptr<SafariToolbarItem>>(std::move(completionHandler), toolbarItem_);
+    answer<std::shared_ptr<SafariToolbarItem>>(application_, std::move(completionHandler), toolbarItem_);
 }
 
 // --- LocalSafariApplication -----------------------------------------------------------------
@@ -175,7 +182,7 @@ void LocalSafariApplication::notify(const LocalSafariEvent& event) {
 
 void LocalSafariApplication::getActiveWindowWithCompletionHandler(
     std::function<void(std::shared_ptr<SafariWindow>)> completionHandler) {
-    answer<std::shared_ptr<SafariWindow>>(std::move(completionHandler), frontWindow());
+    answer<std::shared_ptr<SafariWindow>>(weak_from_this(), std::move(completionHandler), frontWindow());
 }
 
 std::vector<LocalSafariApplication::WindowState> LocalSafariApplication::windows() const {
@@ -296,7 +303,8 @@ std::shared_ptr<LocalSafariTab> LocalSafariApplication::openTab(const std::optio
         const int number = nextTab_++;
         auto page = std::shared_ptr<LocalSafariPage>(
             new LocalSafariPage("p" + std::to_string(number), url, weak_from_this()));
-        tab = std::shared_ptr<LocalSafariTab>(new LocalSafariTab("t" + std::to_string(number), std::move(page)));
+        tab = std::shared_ptr<LocalSafariTab>(
+            new LocalSafariTab("t" + std::to_string(number), std::move(page), weak_from_this()));
         it->tabs.push_back(tab);
         it->activeTab = it->tabs.size() - 1;
         std::rotate(windows_.begin(), it, it + 1);
@@ -471,9 +479,39 @@ bool LocalSafariApplication::deliver(
     return true;
 }
 
+void LocalSafariApplication::answerLater(std::function<void()> block) {
+    {
+        std::lock_guard lock(inFlightMutex_);
+        ++inFlight_;
+    }
+    auto self = shared_from_this();
+    DispatchQueue::global().async([self, block = std::move(block)] {
+        block();
+        std::lock_guard lock(self->inFlightMutex_);
+        --self->inFlight_;
+        self->inFlightChanged_.notify_all();
+    });
+}
+
 bool LocalSafariApplication::waitForExtension(std::chrono::milliseconds timeout) {
     std::unique_lock lock(inFlightMutex_);
     return inFlightChanged_.wait_for(lock, timeout, [this] { return inFlight_ == 0; });
+}
+
+bool LocalSafariApplication::waitUntilQuiet(std::chrono::milliseconds timeout) {
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    for (;;) {
+        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+            deadline - std::chrono::steady_clock::now());
+        if (left.count() <= 0 || !waitForExtension(left)) return false;
+        // Whatever the main queue runs now or has queued may ask Safari more.
+        DispatchQueue::main().sync([] {});
+        {
+            std::lock_guard lock(inFlightMutex_);
+            if (inFlight_ != 0) continue;
+        }
+        if (MainRunLoop::pendingCount() == 0) return true;
+    }
 }
 
 }  // namespace tamsel::platform

@@ -165,10 +165,12 @@ public:
 
 private:
     friend class LocalSafariApplication;
-    LocalSafariTab(std::string identifier, std::shared_ptr<LocalSafariPage> page)
-        : identifier_(std::move(identifier)), page_(std::move(page)) {}
+    LocalSafariTab(std::string identifier, std::shared_ptr<LocalSafariPage> page,
+                   std::weak_ptr<LocalSafariApplication> application)
+        : identifier_(std::move(identifier)), page_(std::move(page)), application_(std::move(application)) {}
     const std::string identifier_;
     const std::shared_ptr<LocalSafariPage> page_;
+    const std::weak_ptr<LocalSafariApplication> application_;
 };
 
 class LocalSafariWindow final : public SafariWindow {
@@ -260,6 +262,13 @@ public:
     // Waits until every event sent to the extension so far has been handled,
     // validations answered included. Returns false when `timeout` passed.
     bool waitForExtension(std::chrono::milliseconds timeout);
+    // Waits until Safari is quiet: every event handled, every answer Safari
+    // gave handled, and nothing left on the main queue (which another thread
+    // must be running). Returns false when `timeout` passed.
+    bool waitUntilQuiet(std::chrono::milliseconds timeout);
+
+    // Runs one of Safari's answers on a thread of Safari's, counted until it returns.
+    void answerLater(std::function<void()> block);
 
 private:
     friend class LocalSafariPage;
