@@ -103,33 +103,6 @@ std::string commonUIText(std::string_view key) {
     return platform::localizedString(model::rawValue(model::LocalizationTableName::commonUI), key);
 }
 
-// Fills the first printf-style conversion of a localised format ("%@",
-// "%d", "%ld", ...) with `argument`; "%%" stands for "%".
-std::string fillFormat(const std::string& format, std::string_view argument) {
-    std::string text;
-    bool filled = false;
-    for (std::size_t i = 0; i < format.size(); ++i) {
-        if (format[i] != '%' || i + 1 == format.size()) {
-            text += format[i];
-            continue;
-        }
-        if (format[i + 1] == '%') {
-            text += '%';
-            ++i;
-            continue;
-        }
-        std::size_t end = i + 1;
-        while (end < format.size() && format[end] == 'l') ++end;
-        if (filled || end == format.size() || std::string_view("@diu").find(format[end]) == std::string_view::npos) {
-            text += format[i];
-            continue;
-        }
-        text += argument;
-        filled = true;
-        i = end;
-    }
-    return text;
-}
 
 }  // namespace
 
@@ -447,8 +420,8 @@ void RuleChanger::performEnablingPackage(ConfigurableType type, const std::share
 // --- Texts ---------------------------------------------------------------------------------------------
 
 RuleChangePrompt::EnablePackageQuestion RuleChanger::enablePackageQuestion(const Package& package) {
-    return {fillFormat(commonUIText("action.alert.enable-extension.title"), package.displayName()),
-            fillFormat(commonUIText("action.alert.enable-extension.note"),
+    return {platform::localizedFormat(commonUIText("action.alert.enable-extension.title"), package.displayName()),
+            platform::localizedFormat(commonUIText("action.alert.enable-extension.note"),
                        std::to_string(storage::disabledRulesCount(package))),
             commonUIText("action.alert.enable-extension.later"),
             commonUIText("action.alert.enable-extension.confrim")};

@@ -250,6 +250,32 @@ std::string localizedString(std::string_view table, std::string_view key) {
     return std::string(key);
 }
 
+std::string localizedFormat(std::string_view format, std::string_view argument) {
+    std::string text;
+    bool filled = false;
+    for (std::size_t i = 0; i < format.size(); ++i) {
+        if (format[i] != '%' || i + 1 == format.size()) {
+            text += format[i];
+            continue;
+        }
+        if (format[i + 1] == '%') {
+            text += '%';
+            ++i;
+            continue;
+        }
+        std::size_t end = i + 1;
+        while (end < format.size() && format[end] == 'l') ++end;
+        if (filled || end == format.size() || std::string_view("@diu").find(format[end]) == std::string_view::npos) {
+            text += format[i];
+            continue;
+        }
+        text += argument;
+        filled = true;
+        i = end;
+    }
+    return text;
+}
+
 std::string localizationLanguage() {
     auto& state = tables();
     std::lock_guard lock(state.mutex);

@@ -16,6 +16,11 @@ namespace tamsel::platform {
 
 std::string localizedString(std::string_view table, std::string_view key);
 
+// Fills the first printf-style conversion of a localised format ("%@",
+// "%d", "%ld", ...) with `argument`; "%%" stands for "%". A format without
+// a conversion is returned as it stands (a missing translation shows the key).
+std::string localizedFormat(std::string_view format, std::string_view argument);
+
 // The language whose tables are read (after the fallback to "en").
 std::string localizationLanguage();
 

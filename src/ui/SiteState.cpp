@@ -46,21 +46,25 @@ SiteState::Https SiteState::https() const {
 }
 
 SiteState SiteState::read(control::DataManager& manager, const std::string& domain) {
-    SiteState state;
-    state.domain = domain;
-    state.pauseEnded = control::PauseStatus::endPauseIfExpired(
+    const bool pauseEnded = control::PauseStatus::endPauseIfExpired(
         [] { control::ExtensionManager::shared()->reloadAllWithoutSaving({}); });
+    SiteState state = readRules(control::RuleChanger(manager), domain);
+    state.pauseEnded = pauseEnded;
     state.paused = control::PauseStatus::isPaused();
     state.minutesLeft = control::PauseStatus::minutesLeft();
+    return state;
+}
 
-    control::RuleChanger changer(manager);
-    state.whitelistRule = changer.whitelistRule(domain);
+SiteState SiteState::readRules(const control::RuleChanger& changer, const std::string& host) {
+    SiteState state;
+    state.domain = host;
+    state.whitelistRule = changer.whitelistRule(host);
     if (const auto package = changer.configurablePackage(ConfigurableType::whitelist)) {
         state.whitelistPackageEnabled = !storage::isDisabled(*package);
         state.whitelistRuleEnabled = state.whitelistRule && !storage::isDisabled(*state.whitelistRule, *package);
     }
-    state.httpsRule = changer.makeHttpsRule(domain);
-    state.httpsRuleHoldsDomain = changer.isDomainForcedHttps(domain);
+    state.httpsRule = changer.makeHttpsRule(host);
+    state.httpsRuleHoldsDomain = changer.isDomainForcedHttps(host);
     if (const auto package = changer.configurablePackage(ConfigurableType::makeHttps)) {
         state.makeHttpsPackageEnabled = !storage::isDisabled(*package);
     }

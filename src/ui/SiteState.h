@@ -10,6 +10,7 @@
 
 namespace tamsel::control {
 class DataManager;
+class RuleChanger;
 }
 
 // What the popover shows about the site of the page in the active tab: whether
@@ -56,6 +57,11 @@ struct SiteState {
     // read as the popover reads it when it is shown: a pause whose hour is
     // over is ended first, and the extensions are reloaded to see it.
     static SiteState read(control::DataManager& manager, const std::string& domain);
+
+    // The whitelist and make-HTTPS state of a page's host through `changer`,
+    // leaving the pause alone (its fields stay unset). A host that is no
+    // valid domain only finds rules made for it elsewhere.
+    static SiteState readRules(const control::RuleChanger& changer, const std::string& host);
 };
 
 }  // namespace tamsel::ui
