@@ -1,14 +1,13 @@
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
 
 #include "platform/SafariPage.h"
-
-namespace tamsel::control {
-class DataManager;
-}
+#include "ui/SafariExtensionViewController.h"
+#include "ui/SystemActions.h"
 
 // What the extension handler needs of the popover: the shared controller that
 // it refreshes for the current page, asks about the current domain's
@@ -16,20 +15,13 @@ class DataManager;
 // Every call comes on the main queue.
 namespace tamsel::handler {
 
-// What the handler knows of the page in the active tab, handed to the popover
-// at each refresh.
-struct PopoverContext {
-    std::shared_ptr<platform::SafariPage> currentPage;
-    std::optional<std::string> currentPageURL;
-    bool popoverVisible = false;
-};
-
 class Popover {
 public:
     virtual ~Popover() = default;
 
-    // Re-reads the domain, whitelist and HTTPS state of the current page.
-    virtual void refreshForCurrentPage(const PopoverContext& context) = 0;
+    // Makes `delegate` (the handler) the controller's delegate and re-reads
+    // the domain, whitelist and HTTPS state of the current page.
+    virtual void refreshForCurrentPage(std::weak_ptr<ui::ActionViewControllerDelegate> delegate) = 0;
     // A whitelist rule is known for the current domain and the domain is whitelisted.
     virtual bool isCurrentDomainWhitelisted() const = 0;
     virtual bool needsPageReload() const = 0;
@@ -42,24 +34,40 @@ public:
     virtual void closeWindow() = 0;
 };
 
-// A popover that knows the site's whitelist state and nothing else: for a
-// process without the popover's models, and for the handler's tests.
-class SiteStatePopover final : public Popover {
+// The popover of the ui models: SafariExtensionViewController.
+class ViewControllerPopover final : public Popover {
 public:
-    explicit SiteStatePopover(control::DataManager& dataManager);
+    // `closeWindow` closes the popover's window (nothing when empty).
+    ViewControllerPopover(std::shared_ptr<ui::SafariExtensionViewController> controller,
+                          std::shared_ptr<control::RuleChanger> ruleChanger, std::function<void()> closeWindow = {});
 
-    void refreshForCurrentPage(const PopoverContext& context) override;
-    bool isCurrentDomainWhitelisted() const override { return whitelisted_; }
-    bool needsPageReload() const override { return needsPageReload_; }
-    void setNeedsPageReload(bool needsPageReload) override { needsPageReload_ = needsPageReload; }
-    void dismissAllChildViews() override {}
+    void refreshForCurrentPage(std::weak_ptr<ui::ActionViewControllerDelegate> delegate) override;
+    bool isCurrentDomainWhitelisted() const override;
+    bool needsPageReload() const override { return controller_->needsPageReload(); }
+    void setNeedsPageReload(bool needsPageReload) override { controller_->setNeedsPageReload(needsPageReload); }
+    void dismissAllChildViews() override { controller_->dismissAllChildViews(); }
+    // The model keeps no scroll position; a view layer starts at the top.
     void scrollToTop() override {}
-    void closeWindow() override {}
+    void closeWindow() override {
+        if (closeWindow_) closeWindow_();
+    }
+
+    const std::shared_ptr<ui::SafariExtensionViewController>& controller() const { return controller_; }
 
 private:
-    control::DataManager& dataManager_;
-    bool whitelisted_ = false;
-    bool needsPageReload_ = false;
+    std::shared_ptr<ui::SafariExtensionViewController> controller_;
+    std::shared_ptr<control::RuleChanger> ruleChanger_;
+    std::function<void()> closeWindow_;
+};
+
+// The popover's requests of the system, through the workspace: the host
+// application is launched by its bundle identifier, links open with the
+// configured commands (platform/Workspace.h).
+class WorkspaceSystemActions final : public ui::SystemActions {
+public:
+    void launchApplication(const std::string& bundleIdentifier) override;
+    void openInBrowser(const std::string& url) override;
+    void openMailLink(const std::string& mailtoURL) override;
 };
 
 }  // namespace tamsel::handler

@@ -3,6 +3,7 @@
 #include "control/DataManager.h"
 #include "control/ExtensionManager.h"
 #include "control/PauseStatus.h"
+#include "control/RuleChanger.h"
 #include "model/ConfigurableType.h"
 #include "model/ExtensionType.h"
 #include "model/RawRepresentable.h"
@@ -18,6 +19,7 @@
 #include "settings/Log.h"
 #include "settings/MainApp.h"
 #include "settings/User.h"
+#include "ui/Theme.h"
 #include "storage/PersistentStore.h"
 #include "updates/UpdateManager.h"
 
@@ -86,13 +88,21 @@ std::shared_ptr<ProcessState> ProcessState::shared() {
 
 // --- Lifecycle ------------------------------------------------------------------------------
 
-SafariExtensionHandler::SafariExtensionHandler(Collaborators collaborators)
-    : collaborators_(std::move(collaborators)) {
+SafariExtensionHandler::SafariExtensionHandler(Collaborators collaborators) : collaborators_(collaborators) {
     auto& c = collaborators_;
+    if (!c.clock) c.clock = &platform::Clock::system();
     if (!c.dataManager) c.dataManager = &control::DataManager::shared();
     if (!c.history) c.history = &runtime::HistoryStore::shared();
     if (!c.state) c.state = ProcessState::shared();
-    if (!c.popover) c.popover = std::make_shared<SiteStatePopover>(*c.dataManager);
+    if (!c.popover) {
+        auto controller =
+            collaborators.dataManager || collaborators.history
+                ? ui::SafariExtensionViewController::create({c.dataManager, nullptr, nullptr, c.history, nullptr,
+                                                             nullptr, c.clock, c.calendar, std::nullopt, std::nullopt})
+                : ui::SafariExtensionViewController::shared();
+        c.popover = std::make_shared<ViewControllerPopover>(
+            std::move(controller), std::make_shared<control::RuleChanger>(*c.dataManager));
+    }
     if (!c.reloadAllWithoutSaving)
         c.reloadAllWithoutSaving = [](storage::ReloadingCompletion completion) {
             control::ExtensionManager::shared()->reloadAllWithoutSaving(std::move(completion));
@@ -110,7 +120,6 @@ SafariExtensionHandler::SafariExtensionHandler(Collaborators collaborators)
         };
     if (!c.readConfigurablePackages) c.readConfigurablePackages = storage::PersistentStore::readConfigurablePackages;
     if (!c.readCustomPackages) c.readCustomPackages = storage::PersistentStore::readCustomPackages;
-    if (!c.clock) c.clock = &platform::Clock::system();
     state_ = c.state;
     popover_ = c.popover;
 }
@@ -123,6 +132,15 @@ std::shared_ptr<SafariExtensionHandler> SafariExtensionHandler::make(Collaborato
 
 void SafariExtensionHandler::start() {
     settings::App::setIsMacButtonExtension(true);
+    ui::Themes::installDefault();
+    // The popover asks for a new badge when the badge preference changes.
+    if (auto* popover = dynamic_cast<ViewControllerPopover*>(popover_.get())) {
+        std::weak_ptr<SafariExtensionHandler> weak = weak_from_this();
+        badgeObservation_ = popover->controller()->observe([weak](const ui::PopoverChange& change) {
+            if (change != ui::PopoverChange::badge) return;
+            if (auto self = weak.lock()) self->refreshToolbarItem();
+        });
+    }
     observeReloadTab();
     platform::SharedDefaults::shared()->set(platform::Value(false), settings::Keys::reloadTab);
     syncUserRules();
@@ -188,11 +206,6 @@ std::optional<platform::Date> SafariExtensionHandler::lastUpdateCheck() const {
 bool SafariExtensionHandler::isCurrentPage(const std::shared_ptr<SafariPage>& page) const {
     std::lock_guard lock(state_->mutex);
     return page && state_->currentPage == page;
-}
-
-PopoverContext SafariExtensionHandler::popoverContext() const {
-    std::lock_guard lock(state_->mutex);
-    return {state_->currentPage, state_->currentPageURL, state_->popoverVisible};
 }
 
 // --- Toolbar and popover --------------------------------------------------------------------
@@ -277,7 +290,7 @@ std::shared_ptr<Popover> SafariExtensionHandler::popoverViewController() {
 }
 
 void SafariExtensionHandler::refreshPopover() {
-    popover_->refreshForCurrentPage(popoverContext());
+    popover_->refreshForCurrentPage(weak_from_this());
     refreshToolbarItem();
     // A pause whose hour is over ends here: at a click, a validation or a popover show.
     auto reload = collaborators_.reloadAllWithoutSaving;

@@ -50,12 +50,15 @@ struct ProcessState {
 };
 
 class SafariExtensionHandler final : public platform::SafariExtensionHandling,
+                                     public ui::ActionViewControllerDelegate,
                                      public std::enable_shared_from_this<SafariExtensionHandler> {
 public:
     // Empty members mean the process's own objects.
     struct Collaborators {
         std::shared_ptr<platform::SafariApplication> application;
-        std::shared_ptr<Popover> popover;  // a SiteStatePopover over the data manager when null
+        // The shared popover when null (a popover of its own over the given
+        // data manager and history, when those are given).
+        std::shared_ptr<Popover> popover;
         runtime::HistoryStore* history = nullptr;
         control::DataManager* dataManager = nullptr;
         std::shared_ptr<ProcessState> state;
@@ -121,9 +124,9 @@ public:
     void syncUserRules();
 
     // --- The process-wide values -------------------------------------------------------
-    std::shared_ptr<platform::SafariPage> currentPage() const;
-    std::optional<std::string> currentPageURL() const;
-    bool isPopoverVisible() const;
+    std::shared_ptr<platform::SafariPage> currentPage() const override;
+    std::optional<std::string> currentPageURL() const override;
+    bool isPopoverVisible() const override;
     bool didSync() const;
     std::optional<platform::Date> lastUpdateCheck() const;
     const std::shared_ptr<Popover>& popover() const { return popover_; }
@@ -139,12 +142,12 @@ private:
     void hideElement(const std::string& name, const std::optional<platform::Dictionary>& userInfo,
                      const std::optional<platform::SafariPageProperties>& properties);
     void addHideElementRule(const model::Rule& rule);
-    PopoverContext popoverContext() const;
 
     Collaborators collaborators_;
     std::shared_ptr<ProcessState> state_;
     std::shared_ptr<Popover> popover_;
     platform::ObservationToken reloadTabObservation_;
+    ui::SafariExtensionViewController::Token badgeObservation_;
     std::mutex tokensMutex_;
     platform::ObserverToken terminationObserver_;
     std::shared_ptr<void> terminationWatcher_;
