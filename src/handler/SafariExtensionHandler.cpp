@@ -48,7 +48,8 @@ std::string printedValue(const platform::Value& value) {
     if (value.isDictionary()) {
         std::string printed = "{";
         bool first = true;
-        for (const auto& [key, item] : *value.asDictionary()) {
+        const auto dictionary = value.asDictionary();
+        for (const auto& [key, item] : *dictionary) {
             printed += (first ? "" : ", ") + ("\"" + key + "\": ") + printedValue(item);
             first = false;
         }

@@ -699,14 +699,13 @@ struct ServeApi::Routes {
             auto target = safari().tab(*tabID);
             if (!target || target->identifier() != *tabID) return fail(res, 404, "There is no tab " + *tabID + ".");
             const Value* urls = field(*body, "urls");
+            const auto array = urls ? urls->asArray() : std::nullopt;
+            if (!array) return fail(res, 400, "\"urls\" must be a list of strings.");
             std::vector<std::string> list;
-            if (urls && urls->asArray())
-                for (const auto& url : *urls->asArray()) {
-                    if (!url.asString()) return fail(res, 400, "\"urls\" must be a list of strings.");
-                    list.push_back(*url.asString());
-                }
-            else
-                return fail(res, 400, "\"urls\" must be a list of strings.");
+            for (const auto& url : *array) {
+                if (!url.asString()) return fail(res, 400, "\"urls\" must be a list of strings.");
+                list.push_back(*url.asString());
+            }
             safari().reportBlockedResources(identifier, list, target->page());
             settle();
             ok(res);
