@@ -142,6 +142,14 @@ expect_json '.rows[] | select(.id == "pause") | .switch' false
 expect_json '.rows[] | select(.id == "actionsHeader") | .title | test("CNN")' true
 finish
 
+begin "the visual editor row launches the host application, which here opens the element picker"
+api POST /api/popover/rows/visualEditor/click '{}'
+expect_status 200
+get "$BASE/api/tabs/t1"
+expect_json '[.messages[] | select(.name == "showSelector")] | length' 1
+expect_log_contains "Visual Editor did press"
+finish
+
 begin "whitelisting the site from the popover rebuilds all eight files and shows the heart"
 api POST /api/popover/rows/whitelist/click '{}'
 expect_status 200
@@ -198,7 +206,7 @@ begin "the selector-mode command sends showSelector to the page"
 api POST /api/context-menu '{"command": "invokeSelectorMode", "tab": "t1"}'
 expect_status 200
 get "$BASE/api/tabs/t1"
-expect_json '[.messages[].name] | index("showSelector") != null' true
+expect_json '[.messages[] | select(.name == "showSelector")] | length' 2
 finish
 
 begin "the event stream carries toolbar changes and page messages"

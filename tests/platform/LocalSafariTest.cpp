@@ -229,7 +229,8 @@ TEST(Workspace, LaunchingUsesTheLauncherThenTheCommandElseWritesALine) {
     const auto marker = folder / "launched";
     workspace.setLaunchCommand("echo >\"" + marker.string() + "\"");
     EXPECT_TRUE(workspace.launchApplication("org.example.host"));
-    ASSERT_TRUE(tamsel::testing::waitUntil([&] { return std::filesystem::exists(marker) && std::filesystem::file_size(marker) > 0; }));
+    ASSERT_TRUE(tamsel::testing::waitUntil(
+        [&] { return std::filesystem::exists(marker) && std::filesystem::file_size(marker) > 0; }));
     std::ifstream in(marker);
     std::string line;
     std::getline(in, line);
