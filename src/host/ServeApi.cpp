@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "control/ExtensionManager.h"
 #include "host/PageLoads.h"
 #include "model/ExtensionType.h"
 #include "model/RawRepresentable.h"
@@ -635,6 +636,12 @@ struct ServeApi::Routes {
             ok(res);
         });
 
+        // Whether the extension manager has no save, reload or retry queued:
+        // a script waits on it for a change to be in effect.
+        server.Get("/api/extensions", [](const httplib::Request&, httplib::Response& res) {
+            const bool idle = control::ExtensionManager::shared()->isIdle();
+            reply(res, idle ? R"({"idle":true})" : R"({"idle":false})");
+        });
         server.Get("/api/toolbar", [this](const httplib::Request&, httplib::Response& res) {
             settle();
             auto window = safari().frontWindow();
