@@ -4,6 +4,7 @@
 #include <rapidjson/stringbuffer.h>
 #include <rapidjson/writer.h>
 
+#include <atomic>
 #include <chrono>
 #include <functional>
 #include <optional>
@@ -976,8 +977,13 @@ void ServeApi::addRoutes() {
 }
 
 void ServeApi::start() {
-    thread_ = std::thread([this] { server_->listen_after_bind(); });
-    while (!server_->is_running()) std::this_thread::sleep_for(1ms);
+    auto ended = std::make_shared<std::atomic<bool>>(false);
+    thread_ = std::thread([this, ended] {
+        server_->listen_after_bind();
+        ended->store(true);
+    });
+    // httplib's stop() does nothing until the listening loop has begun.
+    while (!server_->is_running() && !ended->load()) std::this_thread::sleep_for(1ms);
 }
 
 void ServeApi::stop() {
