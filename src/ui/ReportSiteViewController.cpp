@@ -8,7 +8,7 @@
 namespace tamsel::ui {
 
 ReportSiteViewController::ReportSiteViewController(std::shared_ptr<Reporter> reporter, Presenter presenter)
-    : reporter_(reporter ? std::move(reporter) : std::make_shared<LocalReporter>()), presenter_(std::move(presenter)) {}
+    : reporter_(reporter ? std::move(reporter) : Reporter::shared()), presenter_(std::move(presenter)) {}
 
 std::vector<ReportSiteViewController::TypeRow> ReportSiteViewController::typeRows() const {
     std::vector<TypeRow> rows;

@@ -39,6 +39,7 @@ public:
         bool checked = false;
     };
 
+    // `reporter` null: Reporter::shared().
     ReportSiteViewController(std::shared_ptr<Reporter> reporter, Presenter presenter);
 
     std::optional<ReportType> reportType() const { return reportType_; }

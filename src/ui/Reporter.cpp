@@ -1,5 +1,8 @@
 #include "ui/Reporter.h"
 
+#include <mutex>
+
+#include "platform/BuildConfig.h"
 #include "platform/DispatchQueue.h"
 #include "platform/Log.h"
 #include "settings/App.h"
@@ -34,6 +37,29 @@ std::string Report::description() const {
     return "Report(type: " + std::string(model::rawValue(type)) + ", url: " + url +
            ", comment: " + (comment ? "\"" + *comment + "\"" : std::string("nil")) + ", device: " + device +
            ", appVersion: " + appVersion + ", osVersion: " + osVersion + ")";
+}
+
+namespace {
+struct SharedReporter {
+    std::mutex mutex;
+    std::shared_ptr<Reporter> reporter = std::make_shared<LocalReporter>();
+};
+SharedReporter& sharedReporter() {
+    static SharedReporter instance;
+    return instance;
+}
+}  // namespace
+
+std::string Reporter::containerIdentifier() { return std::string("iCloud.") + build::baseIdentifier + ".Report"; }
+
+std::shared_ptr<Reporter> Reporter::shared() {
+    std::lock_guard lock(sharedReporter().mutex);
+    return sharedReporter().reporter;
+}
+
+void Reporter::setShared(std::shared_ptr<Reporter> reporter) {
+    std::lock_guard lock(sharedReporter().mutex);
+    sharedReporter().reporter = reporter ? std::move(reporter) : std::make_shared<LocalReporter>();
 }
 
 void LocalReporter::post(const Report& report, Completion completion) {

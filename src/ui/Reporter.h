@@ -54,6 +54,15 @@ public:
     // Sends the report once (nothing is queued or retried); `completion`
     // runs on the main queue.
     virtual void post(const Report& report, Completion completion) = 0;
+
+    // "iCloud." + the base identifier + ".Report".
+    static std::string containerIdentifier();
+
+    // The process's reporter, which report views use unless given one: a
+    // LocalReporter until the cloud side installs its own. Thread-safe.
+    static std::shared_ptr<Reporter> shared();
+    // nullptr goes back to a LocalReporter.
+    static void setShared(std::shared_ptr<Reporter> reporter);
 };
 
 // The stand-in while no report service exists: writes "Posting report " +

@@ -91,7 +91,6 @@ private:
 
 SafariExtensionViewController::SafariExtensionViewController(Collaborators collaborators)
     : collaborators_(std::move(collaborators)) {
-    if (!collaborators_.reporter) collaborators_.reporter = std::make_shared<LocalReporter>();
     if (!collaborators_.systemActions) collaborators_.systemActions = std::make_shared<PrintingSystemActions>();
     if (!collaborators_.calendar) collaborators_.calendar = platform::Calendar::current();
     if (!collaborators_.supportAddress) collaborators_.supportAddress = build::supportAddress;
@@ -614,7 +613,14 @@ void SafariExtensionViewController::presentWhitelistEditor() {
         if (const auto popover = weak.lock()) popover->dismissWhitelist();
     };
     presenter.didSaveChange = [weak] {
-        if (const auto popover = weak.lock()) popover->whitelistEditorDidChange_ = true;
+        const auto popover = weak.lock();
+        if (!popover) return;
+        popover->whitelistEditorDidChange_ = true;
+        // The site's whitelist state changed: the rows, and the heart on the
+        // badge, follow at once rather than at the next validation.
+        if (const auto host = popover->currentHost()) popover->readSiteState(*host);
+        popover->changed(PopoverChange::rows);
+        popover->changed(PopoverChange::badge);
     };
     presenter.changed = [weak] {
         if (const auto popover = weak.lock()) popover->changed(PopoverChange::children);

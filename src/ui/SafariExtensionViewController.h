@@ -88,7 +88,8 @@ public:
 enum class PopoverChange {
     rows,      // texts, switches or counters of the table
     children,  // a child view or alert came or went, or a presented one changed
-    badge,     // the badge preference changed: the toolbar badge needs a new computation
+    badge,     // the badge preference or the site's whitelist state changed: the
+               // toolbar badge needs a new computation
 };
 
 class SafariExtensionViewController : public std::enable_shared_from_this<SafariExtensionViewController> {
@@ -111,7 +112,7 @@ public:
         std::shared_ptr<control::ExtensionManager> extensionManager;  // ExtensionManager::shared()
         std::shared_ptr<storage::ExtensionReloading> reloading;       // ExtensionReloading::shared()
         runtime::HistoryStore* history = nullptr;                     // HistoryStore::shared()
-        std::shared_ptr<Reporter> reporter;                           // LocalReporter
+        std::shared_ptr<Reporter> reporter;                           // Reporter::shared() at each report
         std::shared_ptr<SystemActions> systemActions;                 // PrintingSystemActions
         const platform::Clock* clock = nullptr;                       // the system clock
         std::optional<platform::Calendar> calendar;                   // the current calendar

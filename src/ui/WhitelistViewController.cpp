@@ -24,6 +24,13 @@ const platform::SystemLogger& popoverLog() {
 
 const char* text(bool value) { return value ? "true" : "false"; }
 
+// Lives as long as the process (never destroyed, so exit never waits on it).
+platform::DispatchQueue& saveQueue() {
+    static auto* queue = new platform::DispatchQueue("Whitelist Editor Save", platform::DispatchQueue::Kind::serial,
+                                                     platform::QualityOfService::userInitiated);
+    return *queue;
+}
+
 }  // namespace
 
 // The enable-package question, asked as an alert over the editor. "Later"
@@ -167,9 +174,10 @@ void WhitelistViewController::save() {
 
 void WhitelistViewController::saveChoice(const std::string& domain, bool packageWasSwitchedOn) {
     const RuleChanger::WhitelistChoice choice{turnedOffBlocking_, selectedCategoriesOnly_, disabledExtensions_};
-    // The rule change reads and writes package files: off the main queue.
-    // Its completion comes back on the main queue.
-    platform::DispatchQueue::global().async([changer = ruleChanger_, domain, choice, weak = weak_from_this(),
+    // The rule change reads and writes package files: off the main queue,
+    // one at a time and in the order of the switch changes, so that the last
+    // change is the one that stays. Its completion comes back on the main queue.
+    saveQueue().async([changer = ruleChanger_, domain, choice, weak = weak_from_this(),
                                              packageWasSwitchedOn] {
         changer->applyWhitelistChoice(domain, choice, [weak, packageWasSwitchedOn](RuleChanger::Result result) {
             if (const auto editor = weak.lock()) editor->finishSave(result, packageWasSwitchedOn);
