@@ -23,6 +23,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <thread>
 
 namespace tamsel::handler {
 namespace {
@@ -229,6 +230,22 @@ TEST_F(HandlerTest, AnEmptyTabIsNotEnabledAndNoWindowStillAnswersValidation) {
     EXPECT_EQ(*answer, (std::pair<bool, std::string>{false, ""}));
 }
 
+TEST_F(HandlerTest, AnExpiredPauseEndsAtTheNextClickNotBefore) {
+    startHandler();
+    open("https://example.com/");
+    control::PauseStatus::begin(clock);
+    clock.advance(61min);
+    MainRunLoop::runUntil([] { return false; }, 100ms);
+    EXPECT_TRUE(control::PauseStatus::isPaused()) << "nothing ends a pause on its own";
+    EXPECT_EQ(reloadsWithoutSaving.load(), 0);
+
+    app->clickToolbarItem(app->frontWindow());
+    settle();
+    EXPECT_FALSE(control::PauseStatus::isPaused());
+    EXPECT_EQ(control::PauseStatus::pausedDate(), std::nullopt);
+    EXPECT_EQ(reloadsWithoutSaving.load(), 1);
+}
+
 // --- Content-blocker reports -------------------------------------------------------------------
 
 TEST_F(HandlerTest, AReportFromAnUnknownContentBlockerIsDroppedWithItsLine) {
@@ -255,6 +272,26 @@ TEST_F(HandlerTest, ReportsForAPageInAnotherTabDoNotTouchTheBadge) {
     EXPECT_THAT(log.lines(), ::testing::Not(::testing::Contains("+++ didChangeBlockedResourcesCount")));
     EXPECT_EQ(history.perPageCount(background->page()), 1U);
     EXPECT_EQ(badge(), "");
+}
+
+TEST_F(HandlerTest, ReportsFromManyThreadsWhileSafariValidatesAllCount) {
+    setShared(std::string(runtime::HistoryStore::userPrefersBadgeToolbarIconKey), true);
+    startHandler();
+    auto tab = open("https://news.example/");
+    std::vector<std::thread> blockers;
+    for (int t = 0; t < 4; ++t)
+        blockers.emplace_back([&, t] {
+            for (int i = 0; i < 25; ++i) {
+                const std::string url = "https://ads.example/" + std::to_string(t) + "/" + std::to_string(i);
+                // Each URL reported twice, by two content blockers.
+                app->reportBlockedResources(adsIdentifier, {url}, tab->page());
+                app->reportBlockedResources(model::bundleIdentifier(model::ExtensionType::blockTrackers), {url},
+                                            tab->page());
+                if (i % 5 == 0) app->validateToolbarItem(app->frontWindow());
+            }
+        });
+    for (auto& thread : blockers) thread.join();
+    EXPECT_EQ(badge(), "100");
 }
 
 // --- Page messages and the context menu ------------------------------------------------------
