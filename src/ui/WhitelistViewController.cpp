@@ -73,6 +73,10 @@ std::shared_ptr<WhitelistViewController> WhitelistViewController::create(
                                                      std::move(presenter));
 }
 
+void WhitelistViewController::waitUntilSavesFinished() {
+    saveQueue().sync([] {});
+}
+
 void WhitelistViewController::setInitialState(const std::optional<model::Rule>& whitelistRule) {
     turnedOffBlocking_ = whitelistRule.has_value();
     disabledExtensions_ = whitelistRule ? whitelistRule->partialWhitelist : std::vector<ExtensionType>{};

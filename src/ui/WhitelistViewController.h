@@ -90,6 +90,11 @@ public:
     // "<WhitelistViewController>".
     std::string description() const { return "<WhitelistViewController>"; }
 
+    // Returns once every rule change that an editor handed off so far has
+    // run (their completions may still be queued on the main queue). For an
+    // orderly shutdown, and for tests that tear down the data manager.
+    static void waitUntilSavesFinished();
+
     WhitelistViewController(std::shared_ptr<control::RuleChanger> ruleChanger,
                             std::shared_ptr<storage::ExtensionReloading> reloading, Presenter presenter);
 

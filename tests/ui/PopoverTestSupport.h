@@ -85,6 +85,9 @@ protected:
         token = popover->observe([this](const PopoverChange& change) { changes.push_back(change); });
     }
     ~PopoverTest() override {
+        // Background rule changes still use the data manager after they
+        // completed; it goes with the fixture.
+        WhitelistViewController::waitUntilSavesFinished();
         extensions->waitUntilIdle(10s);
         platform::MainRunLoop::drain();
     }
