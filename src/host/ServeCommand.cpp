@@ -37,6 +37,7 @@
 #include "settings/App.h"
 #include "settings/MainApp.h"
 #include "ui/SafariExtensionViewController.h"
+#include "ui/WhitelistViewController.h"
 
 namespace tamsel::host {
 namespace {
@@ -255,6 +256,7 @@ int runServe(const std::string& listen) {
 
     // Stopping: no new requests; queued saves, reloads and history records finish.
     api.stop();
+    ui::WhitelistViewController::waitUntilSavesFinished();
     finishPendingExtensionWork();
     platform::MainRunLoop::runUntil([] { return platform::MainRunLoop::pendingCount() == 0; }, 5s);
     safari->setExtension(nullptr);
