@@ -16,6 +16,7 @@
 #include <charconv>
 #include <chrono>
 #include <cstdio>
+#include <functional>
 #include <memory>
 #include <string>
 #include <thread>
@@ -101,18 +102,19 @@ extern "C" void onStopSignal(int) {
     [[maybe_unused]] auto written = ::write(signalPipe[1], &byte, 1);
 }
 
-std::thread watchStopSignals() {
+// `stop` runs on that thread, while the main run loop still runs.
+std::thread watchStopSignals(std::function<void()> stop) {
     if (::pipe2(signalPipe, O_CLOEXEC) != 0) return {};
     struct sigaction action {};
     action.sa_handler = onStopSignal;
     sigemptyset(&action.sa_mask);
     ::sigaction(SIGINT, &action, nullptr);
     ::sigaction(SIGTERM, &action, nullptr);
-    return std::thread([] {
+    return std::thread([stop = std::move(stop)] {
         char byte = 0;
         while (::read(signalPipe[0], &byte, 1) < 0 && errno == EINTR) {
         }
-        platform::MainRunLoop::stop();
+        stop();
     });
 }
 
@@ -247,7 +249,12 @@ int runServe(const std::string& listen) {
     ServeApi api({safari, controller, events});
     const auto bound = api.bind(*port);
     if (!bound) return reportFailure(bound.error());
-    std::thread signals = watchStopSignals();
+    // Requests in flight wait on the main queue, so the server stops first,
+    // while the main run loop still answers them.
+    std::thread signals = watchStopSignals([&api] {
+        api.stop();
+        platform::MainRunLoop::stop();
+    });
     api.start();
     std::printf("listening on http://127.0.0.1:%u\n", static_cast<unsigned>(*bound));
     std::fflush(stdout);
@@ -255,13 +262,12 @@ int runServe(const std::string& listen) {
     platform::MainRunLoop::run();
 
     // Stopping: no new requests; queued saves, reloads and history records finish.
-    api.stop();
+    if (signals.joinable()) signals.join();
     ui::WhitelistViewController::waitUntilSavesFinished();
     finishPendingExtensionWork();
     platform::MainRunLoop::runUntil([] { return platform::MainRunLoop::pendingCount() == 0; }, 5s);
     safari->setExtension(nullptr);
     safari->setObserver({});
-    if (signals.joinable()) signals.join();
     std::printf("stopped\n");
     std::fflush(stdout);
     return exitSuccess;

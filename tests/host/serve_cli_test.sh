@@ -265,8 +265,14 @@ expect_status 200
 finish
 
 # --- stop ---------------------------------------------------------------------------------------
-begin "SIGTERM stops the server cleanly"
+begin "SIGTERM stops the server cleanly, an open event stream and all"
+curl -s -N --max-time 30 "$BASE/api/events" >/dev/null &
+stream_pid=$!
+sleep 0.5
 kill -TERM "$SERVER_PID"
+for _ in $(seq 150); do kill -0 "$SERVER_PID" 2>/dev/null || break; sleep 0.1; done
+kill -0 "$SERVER_PID" 2>/dev/null && problem "still running 15 s after SIGTERM"
+wait "$stream_pid"
 wait "$SERVER_PID"
 code=$?
 SERVER_PID=""
