@@ -16,7 +16,8 @@ void ViewControllerPopover::refreshForCurrentPage(std::weak_ptr<ui::ActionViewCo
 }
 
 bool ViewControllerPopover::isCurrentDomainWhitelisted() const {
-    return controller_->originalWhitelistRule().has_value() && controller_->isCurrentDomainWhitelisted().value_or(false);
+    return controller_->originalWhitelistRule().has_value() &&
+           controller_->isCurrentDomainWhitelisted().value_or(false);
 }
 
 void WorkspaceSystemActions::launchApplication(const std::string& bundleIdentifier) {

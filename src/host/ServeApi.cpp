@@ -563,8 +563,10 @@ struct ServeApi::Routes {
             auto body = object(req, res);
             if (!body) return;
             std::optional<std::string> url, window;
-            if (const Value* v = field(*body, "url"); v && !(v->asString())) return fail(res, 400, "\"url\" must be a string.");
-            if (const Value* v = field(*body, "url")) url = v->asString();
+            if (const Value* v = field(*body, "url")) {
+                if (!v->asString()) return fail(res, 400, "\"url\" must be a string.");
+                url = v->asString();
+            }
             if (const Value* v = field(*body, "window")) {
                 if (!v->asString()) return fail(res, 400, "\"window\" must be a string.");
                 window = v->asString();
@@ -877,7 +879,8 @@ struct ServeApi::Routes {
                     auto extension = stringField(body, "extension", res);
                     if (!extension) return;
                     const auto type = model::fromRawValue<model::ExtensionType>(*extension);
-                    if (!type) return fail(res, 400, "\"extension\" must name an extension type, such as \"block-ads\".");
+                    if (!type)
+                        return fail(res, 400, "\"extension\" must name an extension type, such as \"block-ads\".");
                     view->didChangeContentBlockerSwitch(*on, static_cast<int>(*type));
                     ok(res);
                 } else if constexpr (std::is_same_v<View, ui::BlockingStatsViewController>) {

@@ -185,7 +185,9 @@ void scheduleUpdateChecks(platform::DispatchQueue& queue, std::weak_ptr<handler:
 
 int runServe(const std::string& listen) {
     const auto port = parseListen(listen);
-    if (!port) return reportUsageError("--listen " + listen + ": expected 127.0.0.1:PORT (the server listens on loopback only)");
+    if (!port)
+        return reportUsageError("--listen " + listen +
+                                ": expected 127.0.0.1:PORT (the server listens on loopback only)");
 
     std::string reason;
     auto lock = ServeLock::acquire(platform::DataRoot::home() / "serve.lock", reason);
