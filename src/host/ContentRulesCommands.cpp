@@ -21,6 +21,7 @@
 
 #include "host/Command.h"
 #include "host/InputFile.h"
+#include "host/PageLoads.h"
 #include "host/SubstituteHost.h"
 #include "model/ExtensionType.h"
 #include "platform/Clock.h"
@@ -221,27 +222,11 @@ int runLoad(const LoadOptions& options, const GlobalOptions& global) {
     }
     if (!platform::canonicalURL(options.page)) return reportUsageError("PAGE_URL: not a URL that Safari loads");
 
-    auto manager = substituteContentBlockerManager();
-    std::vector<platform::NamedContentRuleMatcher> lists;
-    std::map<std::string, model::ExtensionType> types;
-    for (auto type : model::allCases<model::ExtensionType>()) {
-        const std::string identifier = model::bundleIdentifier(type);
-        if (!manager->isEnabled(identifier)) continue;
-        if (auto matcher = manager->matcher(identifier)) {
-            lists.push_back({identifier, matcher});
-            types.emplace(identifier, type);
-        }
-    }
-
+    const EnabledContentBlockers blockers = enabledContentBlockers();
+    const auto& lists = blockers.lists;
+    const auto& types = blockers.types;
     const LoadEffects page = platform::evaluateLoad(lists, {options.page, "", LoadResourceType::document});
-    std::vector<std::string> selectors = page.selectors;
-    for (const auto& list : lists) {
-        if (std::find(page.stylesheetAppliedFor.begin(), page.stylesheetAppliedFor.end(), list.identifier) ==
-            page.stylesheetAppliedFor.end())
-            continue;
-        const auto& sheet = list.matcher->globalStyleSheet();
-        selectors.insert(selectors.end(), sheet.begin(), sheet.end());
-    }
+    const std::vector<std::string> selectors = pageStyleSheet(blockers, options.page);
 
     // Safari's reports: per content blocker, the URLs it blocked on the page.
     std::map<std::string, std::vector<std::string>> reports;
@@ -256,10 +241,8 @@ int runLoad(const LoadOptions& options, const GlobalOptions& global) {
             return reportFailure("the blocked resources could not be recorded");
     }
 
-    auto extensionNames = [&types](const std::vector<std::string>& identifiers) {
-        std::vector<std::string> names;
-        for (const auto& identifier : identifiers) names.emplace_back(model::rawValue(types.at(identifier)));
-        return names;
+    auto extensionNames = [&blockers](const std::vector<std::string>& identifiers) {
+        return blockers.extensionNames(identifiers);
     };
     if (global.json) {
         rapidjson::StringBuffer buffer;

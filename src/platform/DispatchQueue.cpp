@@ -153,27 +153,34 @@ namespace {
 
 using Core = DispatchQueue::Core;
 
-// The queues whose blocks the current thread is running, innermost last, and
-// whether each block runs exclusively (serial or barrier).
+// The queues whose blocks the current thread is running, and whether each
+// block runs exclusively (serial or barrier): a stack of the marks on the
+// thread's own stack, innermost first. A plain pointer, not a container, so
+// that nothing of it is destroyed at thread or process exit (a queue used by a
+// static's destructor still finds it).
 struct RunningBlock {
     const Core* core;
     bool exclusive;
+    const RunningBlock* outer;
 };
-thread_local std::vector<RunningBlock> runningBlocks;
+thread_local const RunningBlock* innermostBlock = nullptr;
 
 const RunningBlock* runningBlockOf(const Core* core) {
-    for (auto it = runningBlocks.rbegin(); it != runningBlocks.rend(); ++it) {
-        if (it->core == core) return &*it;
+    for (const RunningBlock* block = innermostBlock; block; block = block->outer) {
+        if (block->core == core) return block;
     }
     return nullptr;
 }
 
 class RunningMark {
 public:
-    RunningMark(const Core* core, bool exclusive) { runningBlocks.push_back({core, exclusive}); }
-    ~RunningMark() { runningBlocks.pop_back(); }
+    RunningMark(const Core* core, bool exclusive) : block_{core, exclusive, innermostBlock} { innermostBlock = &block_; }
+    ~RunningMark() { innermostBlock = block_.outer; }
     RunningMark(const RunningMark&) = delete;
     RunningMark& operator=(const RunningMark&) = delete;
+
+private:
+    RunningBlock block_;
 };
 
 // A serial or concurrent queue whose blocks run on the worker pool.

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "platform/DispatchQueue.h"
+#include "platform/Value.h"
 
 #include <cstdio>
 #include <functional>
@@ -31,6 +32,16 @@ public:
     // thread, exactly once. No properties means Safari could not tell.
     virtual void getPropertiesWithCompletionHandler(
         std::function<void(std::optional<SafariPageProperties>)> completionHandler) = 0;
+
+    // Asks Safari to reload the page. Pages that cannot reload ignore it.
+    virtual void reload() {}
+
+    // Sends a message to the script the extension injects into the page.
+    virtual void dispatchMessageToScriptWithName(const std::string& name,
+                                                 const std::optional<Dictionary>& userInfo) {
+        (void)name;
+        (void)userInfo;
+    }
 
     // The printed form used in log lines, "<SafariPage: 0x…>".
     virtual std::string description() const {
