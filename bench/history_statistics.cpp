@@ -250,7 +250,7 @@ int main(int argc, char** argv) {
     }
     fmt::print("    3 totals + all three series together: {:.2f} ms\n", medianOf(everything));
 
-    // --- the command line's history of one page (no index on page URLs) -----
+    // --- the command line's history of one page (found through the page index) --
     auto pageStart = Clock::now();
     auto pageRecords = store.blockedResources(pages[7]);
     fmt::print("  one page's stored records: {} in {:.1f} ms\n", pageRecords ? pageRecords->size() : 0,

@@ -78,6 +78,7 @@ std::optional<StoreError> BlockedResourceDatabase::openLocked() {
         return StoreError::of(exception, url_);
     }
     sqlite3_extended_result_codes(connection_->getHandle(), 1);
+    BlockedResourceSchema::registerFunctions(*connection_);
     openedFile_ = fileIdentity(url_);
 
     // The schema is checked before anything is written, so that a file of

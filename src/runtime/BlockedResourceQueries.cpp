@@ -1,5 +1,7 @@
 #include "runtime/BlockedResourceQueries.h"
 
+#include "runtime/BlockedResourceSchema.h"
+
 #include "platform/Log.h"
 #include "platform/UUID.h"
 
@@ -40,9 +42,7 @@ constexpr const char* allTimeCountSQL =
 constexpr const char* firstDateSQL =
     "SELECT date FROM BlockedResource WHERE date IS NOT NULL ORDER BY date LIMIT 1";
 
-constexpr const char* pageRecordsSQL =
-    "SELECT id, date, extensionID, blockedURL, pageURL, pageDomain FROM BlockedResource "
-    "WHERE pageURL = ?1 ORDER BY rowid";
+using BlockedResourceSchema::pageRecordsSQL;
 
 std::optional<std::string> text(const SQLite::Column& column) {
     if (column.isNull()) return std::nullopt;

@@ -20,7 +20,6 @@ CREATE TABLE BlockedResource(
     pageURL TEXT,
     pageDomain TEXT
 );
-CREATE INDEX BlockedResourceByDate ON BlockedResource(date, extensionID);
 CREATE TABLE BlockedResourceHourlyCount(
     hour INTEGER NOT NULL,
     extensionID TEXT NOT NULL,
@@ -55,7 +54,17 @@ BEGIN
 END;
 )sql";
 
+// Counts read whole hours and days from the count tables and only the
+// records of a partial hour at an interval's ends, so the date index need not
+// carry the extension; a page's records are found by their page's key.
+constexpr const char* indexesSQL = R"sql(
+CREATE INDEX BlockedResourceByDate ON BlockedResource(date);
+CREATE INDEX BlockedResourceByPage ON BlockedResource(page_key(pageURL));
+)sql";
+
 constexpr const char* dropTriggerSQL = "DROP TRIGGER IF EXISTS BlockedResourceCounting;";
+constexpr const char* dropIndexesSQL =
+    "DROP INDEX IF EXISTS BlockedResourceByDate; DROP INDEX IF EXISTS BlockedResourceByPage;";
 
 // Layout 1 had no daily table; the daily counts follow from its hourly ones.
 constexpr const char* fillDailyCountSQL = R"sql(
@@ -92,21 +101,53 @@ void change(SQLite::Database& database, Check&& stillNeeded, const std::string& 
     transaction.commit();
 }
 
+void pageKeyFunction(sqlite3_context* context, int, sqlite3_value** arguments) {
+    if (sqlite3_value_type(arguments[0]) == SQLITE_NULL) {
+        sqlite3_result_null(context);
+        return;
+    }
+    const auto* text = reinterpret_cast<const char*>(sqlite3_value_text(arguments[0]));
+    const auto length = static_cast<std::size_t>(sqlite3_value_bytes(arguments[0]));
+    sqlite3_result_int(context, pageKey(std::string_view(text ? text : "", text ? length : 0)));
+}
+
 }  // namespace
+
+std::int32_t pageKey(std::string_view pageURL) {
+    std::uint32_t hash = 2166136261u;
+    for (const char byte : pageURL) {
+        hash ^= static_cast<unsigned char>(byte);
+        hash *= 16777619u;
+    }
+    return static_cast<std::int32_t>(hash);
+}
+
+void registerFunctions(SQLite::Database& database) {
+    sqlite3_create_function_v2(database.getHandle(), "page_key", 1,
+                               SQLITE_UTF8 | SQLITE_DETERMINISTIC | SQLITE_INNOCUOUS, nullptr, &pageKeyFunction,
+                               nullptr, nullptr, nullptr);
+}
 
 std::optional<StoreError> prepare(SQLite::Database& database, const std::filesystem::path& path) {
     try {
         if (tableCount(database) == 0) {
             change(database, [&] { return tableCount(database) == 0; },
-                   std::string(recordsAndHourlyCountSQL) + dailyCountSQL + countingTriggerSQL + stampSQL());
+                   std::string(recordsAndHourlyCountSQL) + dailyCountSQL + countingTriggerSQL + indexesSQL +
+                       stampSQL());
         }
         const auto application = integer(database, "PRAGMA application_id");
         auto layout = integer(database, "PRAGMA user_version");
-        if (application == applicationID && (layout == 1 || layout == 2)) {
+        if (application == applicationID && layout >= 1 && layout < version) {
             const auto from = *layout;
-            std::string upgrade = dropTriggerSQL;
-            if (from == 1) upgrade += std::string(dailyCountSQL) + fillDailyCountSQL;
-            upgrade += std::string(nanosecondsToMicrosecondsSQL) + countingTriggerSQL + stampSQL();
+            // The indexes go first and come back last, so that the records
+            // are rewritten (layouts 1 and 2) without them.
+            std::string upgrade = dropIndexesSQL;
+            if (from <= 2) {
+                upgrade += dropTriggerSQL;
+                if (from == 1) upgrade += std::string(dailyCountSQL) + fillDailyCountSQL;
+                upgrade += std::string(nanosecondsToMicrosecondsSQL) + countingTriggerSQL;
+            }
+            upgrade += std::string(indexesSQL) + stampSQL();
             change(database, [&] { return integer(database, "PRAGMA user_version") == from; }, upgrade);
             layout = version;
         }
@@ -137,7 +178,8 @@ std::optional<StoreError> probe(SQLite::Database& database, const std::filesyste
                                 "SELECT date FROM BlockedResource ORDER BY date DESC LIMIT 1",
                                 "SELECT date FROM BlockedResource ORDER BY date LIMIT 1",
                                 "SELECT COUNT(*) FROM BlockedResourceHourlyCount",
-                                "SELECT COUNT(*) FROM BlockedResourceDailyCount"}) {
+                                "SELECT COUNT(*) FROM BlockedResourceDailyCount",
+                                "SELECT rowid FROM BlockedResource WHERE page_key(pageURL) = 0 LIMIT 1"}) {
             integer(database, sql);
         }
         return std::nullopt;

@@ -2,6 +2,8 @@
 
 #include <fmt/format.h>
 #include <sqlite3.h>
+#include <SQLiteCpp/Database.h>
+#include <SQLiteCpp/Statement.h>
 
 #include "StoreTestSupport.h"
 
@@ -110,9 +112,47 @@ TEST_F(DamagedStoreTest, StoreOfTheSecondLayoutHasItsNanosecondDatesConverted) {
               (ExtensionCounts{{ExtensionType::blockAds, 1}}));
 }
 
+TEST_F(DamagedStoreTest, StoreOfTheThirdLayoutFindsAPagesRecordsThroughItsKeyAndTellsApartPagesOfOneKey) {
+    // The third layout's date index carried the extension, and there was no
+    // page index. These two addresses have the same page key.
+    const std::string page = "https://p.example/149599";
+    const std::string samePageKey = "https://p.example/312382";
+    ASSERT_EQ(BlockedResourceSchema::pageKey(page), BlockedResourceSchema::pageKey(samePageKey));
+    std::string sql = version1SchemaSQL;
+    sql.replace(sql.find("PRAGMA user_version = 1;"), 24,
+                "CREATE TABLE BlockedResourceDailyCount(day INTEGER NOT NULL, extensionID TEXT NOT NULL, "
+                "count INTEGER NOT NULL, PRIMARY KEY (day, extensionID)) WITHOUT ROWID; PRAGMA user_version = 3;");
+    for (int i = 0; i < 30; ++i) {
+        sql += fmt::format("INSERT INTO BlockedResource VALUES (NULL, {}, 'block-ads', 'https://t.example/{}', "
+                           "'{}', 'p.example');",
+                           1714521600LL * 1'000'000 + i, i, i % 3 == 0 ? page : i % 3 == 1 ? samePageKey : "https://q.example/");
+    }
+    execute(storePath(), sql);
+
+    CoreDataStore store(directory.path(), clock);
+    ASSERT_TRUE(store.isLoaded());
+    ASSERT_TRUE(insertNow(store, {record(utc(2024, 5, 2), ExtensionType::blockSocial, page, "https://t.example/new")}));
+    const auto records = store.blockedResources(page);
+    ASSERT_TRUE(records);
+    ASSERT_EQ(records->size(), 11U);
+    EXPECT_EQ(records->front().blockedURL, "https://t.example/0");
+    EXPECT_EQ(records->back().blockedURL, "https://t.example/new");
+    for (const auto& found : *records) EXPECT_EQ(found.pageURL, page);
+    EXPECT_EQ(store.blockedResources(samePageKey)->size(), 10U);
+    EXPECT_EQ(store.blockedResources("https://r.example/")->size(), 0U);
+
+    // The page is looked up in the index, not found by reading every record.
+    SQLite::Database database(storePath(), SQLite::OPEN_READONLY);
+    BlockedResourceSchema::registerFunctions(database);
+    SQLite::Statement plan(database, std::string("EXPLAIN QUERY PLAN ") + BlockedResourceSchema::pageRecordsSQL);
+    std::string steps;
+    while (plan.executeStep()) steps += plan.getColumn(3).getString() + "\n";
+    EXPECT_THAT(steps, HasSubstr("USING INDEX BlockedResourceByPage"));
+}
+
 TEST_F(DamagedStoreTest, StoreOfANewerVersionIsLeftAloneAndNotUsed) {
     makeStoreWithRecords();
-    execute(storePath(), "PRAGMA user_version = 4;");
+    execute(storePath(), "PRAGMA user_version = 5;");
     std::string before = readBytes(storePath());
 
     tamsel::testing::LogCapture log;
@@ -121,7 +161,7 @@ TEST_F(DamagedStoreTest, StoreOfANewerVersionIsLeftAloneAndNotUsed) {
         EXPECT_FALSE(store.isLoaded());
         EXPECT_EQ(store.sumBlockedResourcesPerExtension(std::nullopt, std::nullopt), std::nullopt);
     }
-    EXPECT_THAT(log.lines().front(), HasSubstr("schema version 4, newer than 3"));
+    EXPECT_THAT(log.lines().front(), HasSubstr("schema version 5, newer than 4"));
     EXPECT_TRUE(filesWithPrefix(directory.path(), "blocked-resources-data.sqlite.corrupt-").empty());
     EXPECT_TRUE(readBytes(storePath()) == before);
 }
