@@ -262,6 +262,15 @@ int main(int argc, char** argv) {
                static_cast<double>(storeSize(store.storeURL())) / 1e6, storeSize(store.storeURL()),
                static_cast<double>(storeSize(store.storeURL())) /
                    static_cast<double>(recordCount + burstReports + sustainedReports));
+    {
+        std::error_code error;
+        const auto main = std::filesystem::file_size(store.storeURL(), error);
+        if (!error) {
+            fmt::print("  of which the database file: {:.1f} MB, {:.0f} bytes/record (the rest is its log)\n",
+                       static_cast<double>(main) / 1e6,
+                       static_cast<double>(main) / static_cast<double>(recordCount + burstReports + sustainedReports));
+        }
+    }
     fmt::print("  (checksum {})\n", checksum);
 
     std::error_code ignored;

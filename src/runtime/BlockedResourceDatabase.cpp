@@ -86,7 +86,11 @@ std::optional<StoreError> BlockedResourceDatabase::openLocked() {
     auto failure = BlockedResourceSchema::prepare(*connection_, url_);
     if (!failure) {
         try {
-            connection_->exec("PRAGMA journal_mode=WAL; PRAGMA synchronous=NORMAL;");
+            // A large batch leaves a large log behind; after the checkpoint
+            // that empties it the log is cut back to the size checkpoints
+            // keep it at anyway (1000 pages), rather than keeping its peak.
+            connection_->exec("PRAGMA journal_mode=WAL; PRAGMA synchronous=NORMAL; "
+                              "PRAGMA journal_size_limit=4194304;");
         } catch (const SQLite::Exception& exception) {
             failure = StoreError::of(exception, url_);
         }

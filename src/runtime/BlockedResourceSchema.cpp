@@ -1,5 +1,7 @@
 #include "runtime/BlockedResourceSchema.h"
 
+#include "runtime/URLHost.h"
+
 #include <SQLiteCpp/Statement.h>
 #include <SQLiteCpp/Transaction.h>
 #include <fmt/format.h>
@@ -20,6 +22,7 @@ CREATE TABLE BlockedResource(
     pageURL TEXT,
     pageDomain TEXT
 );
+CREATE INDEX BlockedResourceByDate ON BlockedResource(date, extensionID);
 CREATE TABLE BlockedResourceHourlyCount(
     hour INTEGER NOT NULL,
     extensionID TEXT NOT NULL,
@@ -54,17 +57,10 @@ BEGIN
 END;
 )sql";
 
-// Counts read whole hours and days from the count tables and only the
-// records of a partial hour at an interval's ends, so the date index need not
-// carry the extension; a page's records are found by their page's key.
-constexpr const char* indexesSQL = R"sql(
-CREATE INDEX BlockedResourceByDate ON BlockedResource(date);
-CREATE INDEX BlockedResourceByPage ON BlockedResource(page_key(pageURL));
-)sql";
+// A page's records are found by their page's key.
+constexpr const char* pageIndexSQL = "CREATE INDEX BlockedResourceByPage ON BlockedResource(page_key(pageURL));";
 
 constexpr const char* dropTriggerSQL = "DROP TRIGGER IF EXISTS BlockedResourceCounting;";
-constexpr const char* dropIndexesSQL =
-    "DROP INDEX IF EXISTS BlockedResourceByDate; DROP INDEX IF EXISTS BlockedResourceByPage;";
 
 // Layout 1 had no daily table; the daily counts follow from its hourly ones.
 constexpr const char* fillDailyCountSQL = R"sql(
@@ -113,13 +109,22 @@ void pageKeyFunction(sqlite3_context* context, int, sqlite3_value** arguments) {
 
 }  // namespace
 
-std::int32_t pageKey(std::string_view pageURL) {
+std::int16_t pageKey(std::string_view pageURL) {
     std::uint32_t hash = 2166136261u;
     for (const char byte : pageURL) {
         hash ^= static_cast<unsigned char>(byte);
         hash *= 16777619u;
     }
-    return static_cast<std::int32_t>(hash);
+    // The halves folded together; two bytes in the index.
+    return static_cast<std::int16_t>(static_cast<std::uint16_t>((hash >> 16) ^ (hash & 0xFFFFu)));
+}
+
+StoredPageDomain storedPageDomain(const std::optional<std::string>& pageURL,
+                                  const std::optional<std::string>& pageDomain) {
+    const std::optional<std::string> host = pageURL ? urlHost(*pageURL) : std::nullopt;
+    if (pageDomain == host) return {StoredPageDomain::Kind::derived};
+    if (!pageDomain) return {StoredPageDomain::Kind::absent};
+    return {StoredPageDomain::Kind::text};
 }
 
 void registerFunctions(SQLite::Database& database) {
@@ -132,22 +137,22 @@ std::optional<StoreError> prepare(SQLite::Database& database, const std::filesys
     try {
         if (tableCount(database) == 0) {
             change(database, [&] { return tableCount(database) == 0; },
-                   std::string(recordsAndHourlyCountSQL) + dailyCountSQL + countingTriggerSQL + indexesSQL +
+                   std::string(recordsAndHourlyCountSQL) + dailyCountSQL + countingTriggerSQL + pageIndexSQL +
                        stampSQL());
         }
         const auto application = integer(database, "PRAGMA application_id");
         auto layout = integer(database, "PRAGMA user_version");
         if (application == applicationID && layout >= 1 && layout < version) {
             const auto from = *layout;
-            // The indexes go first and come back last, so that the records
-            // are rewritten (layouts 1 and 2) without them.
-            std::string upgrade = dropIndexesSQL;
+            std::string upgrade;
             if (from <= 2) {
                 upgrade += dropTriggerSQL;
                 if (from == 1) upgrade += std::string(dailyCountSQL) + fillDailyCountSQL;
                 upgrade += std::string(nanosecondsToMicrosecondsSQL) + countingTriggerSQL;
             }
-            upgrade += std::string(indexesSQL) + stampSQL();
+            // NULL has stood for "no domain"; from here on that is an empty blob.
+            upgrade += "UPDATE BlockedResource SET pageDomain = X'' WHERE pageDomain IS NULL;";
+            upgrade += std::string(pageIndexSQL) + stampSQL();
             change(database, [&] { return integer(database, "PRAGMA user_version") == from; }, upgrade);
             layout = version;
         }

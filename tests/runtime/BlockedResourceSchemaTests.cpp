@@ -127,23 +127,39 @@ TEST_F(DamagedStoreTest, StoreOfTheThirdLayoutFindsAPagesRecordsThroughItsKeyAnd
                            "'{}', 'p.example');",
                            1714521600LL * 1'000'000 + i, i, i % 3 == 0 ? page : i % 3 == 1 ? samePageKey : "https://q.example/");
     }
+    // A record of the old layout without a domain keeps having none.
+    sql += "INSERT INTO BlockedResource VALUES (NULL, 1, 'block-ads', 'https://t.example/x', 'https://q.example/', NULL);";
     execute(storePath(), sql);
 
     CoreDataStore store(directory.path(), clock);
     ASSERT_TRUE(store.isLoaded());
-    ASSERT_TRUE(insertNow(store, {record(utc(2024, 5, 2), ExtensionType::blockSocial, page, "https://t.example/new")}));
+    // A new record's domain is stored only where it is not its page's host.
+    auto withDomain = [&](std::optional<std::string> domain, std::string blocked) {
+        auto made = record(utc(2024, 5, 2), ExtensionType::blockSocial, page, std::move(blocked));
+        made.pageDomain = std::move(domain);
+        return made;
+    };
+    ASSERT_TRUE(insertNow(store, {withDomain("p.example", "https://t.example/host"),
+                                  withDomain("other.example", "https://t.example/other"),
+                                  withDomain(std::nullopt, "https://t.example/none")}));
     const auto records = store.blockedResources(page);
     ASSERT_TRUE(records);
-    ASSERT_EQ(records->size(), 11U);
+    ASSERT_EQ(records->size(), 13U);
     EXPECT_EQ(records->front().blockedURL, "https://t.example/0");
-    EXPECT_EQ(records->back().blockedURL, "https://t.example/new");
+    EXPECT_EQ(records->front().pageDomain, "p.example");
+    EXPECT_EQ(records->at(10).pageDomain, "p.example");
+    EXPECT_EQ(records->at(11).pageDomain, "other.example");
+    EXPECT_EQ(records->at(12).pageDomain, std::nullopt);
     for (const auto& found : *records) EXPECT_EQ(found.pageURL, page);
     EXPECT_EQ(store.blockedResources(samePageKey)->size(), 10U);
+    EXPECT_EQ(store.blockedResources("https://q.example/")->back().pageDomain, std::nullopt);
     EXPECT_EQ(store.blockedResources("https://r.example/")->size(), 0U);
 
     // The page is looked up in the index, not found by reading every record.
     SQLite::Database database(storePath(), SQLite::OPEN_READONLY);
     BlockedResourceSchema::registerFunctions(database);
+    EXPECT_EQ(database.execAndGet("SELECT COUNT(*) FROM BlockedResource WHERE pageDomain IS NULL").getInt(), 1)
+        << "only the record whose domain is its page's host leaves it out";
     SQLite::Statement plan(database, std::string("EXPLAIN QUERY PLAN ") + BlockedResourceSchema::pageRecordsSQL);
     std::string steps;
     while (plan.executeStep()) steps += plan.getColumn(3).getString() + "\n";
