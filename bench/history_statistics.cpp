@@ -250,7 +250,7 @@ int main(int argc, char** argv) {
     }
     fmt::print("    3 totals + all three series together: {:.2f} ms\n", medianOf(everything));
 
-    // --- the command line's history of one page (no index on page URLs) -----
+    // --- the command line's history of one page (found through the page index) --
     auto pageStart = Clock::now();
     auto pageRecords = store.blockedResources(pages[7]);
     fmt::print("  one page's stored records: {} in {:.1f} ms\n", pageRecords ? pageRecords->size() : 0,
@@ -262,6 +262,15 @@ int main(int argc, char** argv) {
                static_cast<double>(storeSize(store.storeURL())) / 1e6, storeSize(store.storeURL()),
                static_cast<double>(storeSize(store.storeURL())) /
                    static_cast<double>(recordCount + burstReports + sustainedReports));
+    {
+        std::error_code error;
+        const auto main = std::filesystem::file_size(store.storeURL(), error);
+        if (!error) {
+            fmt::print("  of which the database file: {:.1f} MB, {:.0f} bytes/record (the rest is its log)\n",
+                       static_cast<double>(main) / 1e6,
+                       static_cast<double>(main) / static_cast<double>(recordCount + burstReports + sustainedReports));
+        }
+    }
     fmt::print("  (checksum {})\n", checksum);
 
     std::error_code ignored;

@@ -2,6 +2,7 @@
 
 #include "platform/DispatchGroup.h"
 #include "platform/DispatchQueue.h"
+#include "platform/FatalError.h"
 #include "platform/Log.h"
 #include "settings/NotificationNames.h"
 #include "storage/PathProvider.h"
@@ -243,13 +244,40 @@ void DataManager::forgetStamps(ListKind kind) {
 }
 
 void DataManager::refreshFromDisk() {
+    refreshListsFromDisk({ListKind::international, ListKind::configurable, ListKind::custom});
+
+    // The general files are large and most readers take them from disk
+    // themselves: a changed one is dropped rather than read again here.
+    const auto general = stampsOf(filesOf(ListKind::general));
+    std::lock_guard lock(mutex_);
+    const bool changed = std::any_of(general.begin(), general.end(), [this](const auto& entry) {
+        const auto known = stamps_.find(entry.first);
+        return known != stamps_.end() && known->second != entry.second;
+    });
+    if (changed) {
+        lists_.general = emptyList();
+        forgetStamps(ListKind::general);
+    }
+}
+
+void DataManager::refreshUserPackagesFromDisk() { refreshListsFromDisk({ListKind::configurable, ListKind::custom}); }
+
+void DataManager::refreshListsFromDisk(std::initializer_list<ListKind> kinds) {
     struct Reader {
         ListKind kind;
         void (*read)(PersistentStore::PackagesCompletion);
     };
-    for (const Reader& reader : {Reader{ListKind::international, &PersistentStore::readInternationalPackages},
-                                 Reader{ListKind::configurable, &PersistentStore::readConfigurablePackages},
-                                 Reader{ListKind::custom, &PersistentStore::readCustomPackages}}) {
+    const auto readerOf = [](ListKind kind) {
+        switch (kind) {
+            case ListKind::international: return Reader{kind, &PersistentStore::readInternationalPackages};
+            case ListKind::configurable: return Reader{kind, &PersistentStore::readConfigurablePackages};
+            case ListKind::custom: return Reader{kind, &PersistentStore::readCustomPackages};
+            case ListKind::general: break;
+        }
+        platform::fatalError("The general list is not read as a whole");
+    };
+    for (const ListKind kind : kinds) {
+        const Reader reader = readerOf(kind);
         auto stamps = stampsOf(filesOf(reader.kind));
         bool stale = false;
         storage::PackageList before;
@@ -270,19 +298,6 @@ void DataManager::refreshFromDisk() {
         } else {
             replaceListIfUnchanged(reader.kind, before, readNow(reader.read), std::move(stamps));
         }
-    }
-
-    // The general files are large and most readers take them from disk
-    // themselves: a changed one is dropped rather than read again here.
-    const auto general = stampsOf(filesOf(ListKind::general));
-    std::lock_guard lock(mutex_);
-    const bool changed = std::any_of(general.begin(), general.end(), [this](const auto& entry) {
-        const auto known = stamps_.find(entry.first);
-        return known != stamps_.end() && known->second != entry.second;
-    });
-    if (changed) {
-        lists_.general = emptyList();
-        forgetStamps(ListKind::general);
     }
 }
 

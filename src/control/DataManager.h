@@ -14,6 +14,7 @@
 #include "storage/ReloadingResult.h"
 
 #include <functional>
+#include <initializer_list>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -112,6 +113,10 @@ public:
     // list that is empty and was never read; drops the general list when a
     // general file changed (readers then take the file from disk).
     void refreshFromDisk();
+    // The same for the configurable and custom lists alone (the user's own
+    // packages), for readers that need nothing else: a site's whitelist and
+    // HTTPS state.
+    void refreshUserPackagesFromDisk();
 
     // --- Edits (the cloud sync merge, the popover's rule changes) -------------------
 
@@ -200,6 +205,7 @@ private:
         const std::string& packageID,
         const std::function<std::optional<model::Package>(const model::Package&)>& edit);
 
+    void refreshListsFromDisk(std::initializer_list<ListKind> kinds);
     // Which list a package file holds.
     static ListKind listKind(model::JSONFileName file);
     // Replaces a list; `stamps` are the versions of its files it was read

@@ -317,7 +317,8 @@ void ExtensionManager::addSaveOperation(ExtensionType extension, ReloadingComple
             // A newer save-all may drop the queued reload; the extension then
             // counts as skipped here, and the newer request reloads it.
             if (auto self = weak.lock()) self->enqueueReload(type, 0, {std::move(reloadCompletion), onSkipped});
-        });
+        },
+        bodies_);
     // Runs when the operation is finished, also when the queue dropped it.
     std::weak_ptr<SaveReloadOperation> weakOperation = operation;
     operation->setCompletionBlock([weakOperation, onSkipped = std::move(onSkipped)] {

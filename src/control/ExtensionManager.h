@@ -1,5 +1,6 @@
 #pragma once
 
+#include "control/EncodedBodyCache.h"
 #include "model/ExtensionType.h"
 #include "model/RawRepresentable.h"
 #include "platform/Clock.h"
@@ -166,6 +167,10 @@ public:
     // nothing left, or `timeout` passed. Must be called on the main thread.
     bool waitUntilIdle(std::chrono::milliseconds timeout = std::chrono::minutes(10));
 
+    // Drops the encoded rules kept from earlier rebuilds: the next rebuild of
+    // each extension encodes all of its packages again (and keeps them).
+    void forgetEncodedBodies() { bodies_->forgetAll(); }
+
     // Whether this process may write the Safari JSON files now: it is the
     // host application, or the toolbar extension while the host application
     // is not running.
@@ -205,6 +210,9 @@ private:
     platform::OperationQueue reloadSafariOnlyQueue_;
     platform::Synchronized<StatusCache> synchronizedExtensionStatusCache_;
     platform::Synchronized<ReloadingMap> reloadingExtensions_;
+    // What each extension's packages contributed to its file at its last
+    // rebuild, for the next rebuild to take while it still holds.
+    const std::shared_ptr<EncodedBodyCache> bodies_ = std::make_shared<EncodedBodyCache>();
     // Retries waiting for their delay, and cache refreshes in flight.
     std::atomic<int> pendingRetries_{0};
     std::atomic<int> pendingStateQueries_{0};

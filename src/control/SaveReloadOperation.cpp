@@ -18,7 +18,6 @@
 #include <filesystem>
 #include <mutex>
 #include <optional>
-#include <span>
 #include <string>
 #include <utility>
 #include <vector>
@@ -52,20 +51,20 @@ bool isGeneral(ExtensionType type) {
     return type != ExtensionType::regionalRules && type != ExtensionType::customRules;
 }
 
-// Reads the general file of `type` on another queue than this one and adds
-// the blockers of the rules `selection` takes to `file` while they are
+// Reads the general file of `type` on another queue than this one and encodes
+// the blockers of the rules `selection` takes into `entries` while they are
 // decoded. Returns how many packages the file held: none when it is missing
-// or failed to decode part way (what went into `file` is then to be dropped).
-std::size_t readGeneralFileInto(SafariJSONBuilder& file, ExtensionType type,
-                                const storage::EnabledRuleSelection& selection) {
+// or failed to decode part way (`entries` is then to be dropped), and puts
+// the identifier of each package that had rules into `packageIDs`.
+std::size_t readGeneralFileInto(storage::EncodedEntries& entries, std::vector<std::string>& packageIDs,
+                                ExtensionType type, const storage::EnabledRuleSelection& selection) {
     std::optional<storage::EnabledRuleSelection::PackageRules> choice;
-    std::string choiceFor;
     model::RuleHandler onRule = [&](const std::string& packageID, model::Rule&& rule) {
-        if (!choice || choiceFor != packageID) {
+        if (!choice || packageIDs.back() != packageID) {
             choice = selection.forPackage(packageID);
-            choiceFor = packageID;
+            packageIDs.push_back(packageID);
         }
-        if (choice->takesBlockingRule(rule)) file.add(rule.blocker);
+        if (choice->takesBlockingRule(rule)) entries.add(rule.blocker);
     };
     std::size_t packages = 0;
     platform::DispatchGroup group;
@@ -80,25 +79,58 @@ std::size_t readGeneralFileInto(SafariJSONBuilder& file, ExtensionType type,
     return packages;
 }
 
-// The size of a general package file, to size its Safari JSON file by: the
+std::filesystem::path generalFilePath(ExtensionType type) {
+    return storage::PathProvider::filtersFolderURL() / model::fileName(generalFile(type));
+}
+
+// The size of a general package file, to size its encoded entries by: the
 // entries take somewhat less room than the rules that hold them.
 std::size_t packageFileBytes(ExtensionType type) {
     std::error_code error;
-    const auto bytes =
-        std::filesystem::file_size(storage::PathProvider::filtersFolderURL() / model::fileName(generalFile(type)), error);
+    const auto bytes = std::filesystem::file_size(generalFilePath(type), error);
     return error ? 0 : static_cast<std::size_t>(bytes);
+}
+
+using Part = EncodedBodyCache::Part;
+
+// The share of the package at `index` of `list`: the blockers of its enabled,
+// non-whitelisting rules, taken from `kept` while a part there still holds.
+Part heldPart(const storage::PackageList& list, std::size_t index, const storage::EnabledRuleSelection& selection,
+              const EncodedBodyCache::Body& kept, std::size_t expectedBytes) {
+    const auto reused = std::find_if(kept.begin(), kept.end(),
+                                     [&](const Part& part) { return part.holds(list, index, selection); });
+    if (reused != kept.end()) {
+        Part part = *reused;
+        part.list = list;
+        part.index = index;
+        return part;
+    }
+    const Package& package = (*list)[index];
+    auto entries = std::make_shared<storage::EncodedEntries>(expectedBytes);
+    const auto choice = selection.forPackage(package.id);
+    for (const model::Rule& rule : package.rules) {
+        if (choice.takesBlockingRule(rule)) entries->add(rule.blocker);
+    }
+    entries->shrinkToFit();
+    Part part;
+    part.list = list;
+    part.index = index;
+    part.states.emplace_back(package.id, selection.stateOf(package.id));
+    part.entries = std::move(entries);
+    return part;
 }
 
 }  // namespace
 
 SaveReloadOperation::SaveReloadOperation(ExtensionType extensionType, bool allowsCancelling,
                                          storage::ReloadingCompletion completion, DataManager& dataManager,
-                                         ReloadRequest reloadRequest)
+                                         ReloadRequest reloadRequest, std::shared_ptr<EncodedBodyCache> bodies)
     : extensionType_(extensionType),
       allowsCancelling_(allowsCancelling),
       completion_(std::move(completion)),
       dataManager_(dataManager),
-      reloadRequest_(std::move(reloadRequest)) {}
+      reloadRequest_(std::move(reloadRequest)),
+      bodies_(std::move(bodies)) {}
 
 bool SaveReloadOperation::reachedCheckpointCancelled() const { return allowsCancelling_ && isCancelled(); }
 
@@ -125,61 +157,76 @@ void SaveReloadOperation::main() {
     dataManager_.refreshFromDisk();
 
     const auto preferences = dataManager_.preferenceManager();
-    // The packages to choose from, shared with the data manager, and the
-    // lists that hold them (kept alive while the packages are read).
-    std::vector<std::span<const Package>> packages;
-    std::vector<storage::PackageList> lists;
-    const auto take = [&](storage::PackageList list) {
-        if (!list->empty()) packages.emplace_back(*list);
-        lists.push_back(std::move(list));
+    // One reading of the disabled states chooses the whole body.
+    const storage::EnabledRuleSelection selection = preferences->enabledRuleSelection();
+    const EncodedBodyCache::Body kept = bodies_ ? bodies_->body(extensionType_) : EncodedBodyCache::Body{};
+    EncodedBodyCache::Body body;
+    std::size_t packageCount = 0;
+    const auto takeList = [&](const storage::PackageList& list) {
+        for (std::size_t index = 0; index < list->size(); ++index) {
+            body.push_back(heldPart(list, index, selection, kept, 0));
+        }
+        packageCount += list->size();
     };
-    SafariJSONBuilder file(isGeneral(extensionType_) ? packageFileBytes(extensionType_) : 0);
-    // A general file that the data manager does not hold is read for this run
-    // only, and its blockers go into the Safari JSON file as its rules are
-    // decoded: the package itself is never whole in memory.
-    bool streamed = false;
-    std::size_t streamedPackages = 0;
     if (isGeneral(extensionType_)) {
         storage::PackageList general = dataManager_.generalPackageList();
         const auto held = std::find_if(general->begin(), general->end(),
                                        [this](const Package& package) { return package.type() == extensionType_; });
         if (held != general->end() && !held->rules.empty()) {
-            packages.emplace_back(&*held, 1);
-            lists.push_back(std::move(general));
+            const auto index = static_cast<std::size_t>(held - general->begin());
+            body.push_back(heldPart(general, index, selection, kept, packageFileBytes(extensionType_)));
+            packageCount = 1;
+        } else if (const platform::FileStamp stamp = platform::fileStamp(generalFilePath(extensionType_));
+                   kept.size() == 1 && kept.front().holds(stamp, selection)) {
+            body = kept;
+            packageCount = kept.front().packages;
         } else {
-            streamed = true;
-            streamedPackages = readGeneralFileInto(file, extensionType_, preferences->enabledRuleSelection());
+            // A general file that the data manager does not hold is read for
+            // this run only, and its blockers are encoded as its rules are
+            // decoded: the package itself is never whole in memory. Its
+            // version is taken before the read, so a file replaced meanwhile
+            // is read again next time.
+            auto entries = std::make_shared<storage::EncodedEntries>(packageFileBytes(extensionType_));
+            std::vector<std::string> packageIDs;
+            packageCount = readGeneralFileInto(*entries, packageIDs, extensionType_, selection);
+            if (packageCount > 0) {
+                entries->shrinkToFit();
+                Part part;
+                part.file = stamp;
+                part.packages = packageCount;
+                for (std::string& id : packageIDs) {
+                    auto state = selection.stateOf(id);
+                    part.states.emplace_back(std::move(id), std::move(state));
+                }
+                part.entries = std::move(entries);
+                body.push_back(std::move(part));
+            }
         }
     } else if (extensionType_ == ExtensionType::regionalRules) {
-        take(dataManager_.internationalPackageList());
-        if (packages.empty()) {
+        takeList(dataManager_.internationalPackageList());
+        if (packageCount == 0) {
             platform::consolePrint("⛔️ Don't writing to " + rawValue +
                                    " because DataManager.internationalPackages is empty");
             settle();
             return;
         }
     } else {
-        take(dataManager_.configurablePackageList());
-        take(dataManager_.customPackageList());
+        takeList(dataManager_.configurablePackageList());
+        takeList(dataManager_.customPackageList());
     }
 
-    std::size_t packageCount = streamedPackages;
-    for (const auto& part : packages) packageCount += part.size();
     if (packageCount == 0) {
         platform::consolePrint("⛔️ Don't writing to " + rawValue + " because packages [] is empty");
         settle();
         return;
     }
+    if (bodies_) bodies_->keep(extensionType_, body);
 
     platform::consolePrint("Searching enabled rules in " + std::to_string(packageCount) + " packages");
     if (reachedCheckpointCancelled()) return;
 
-    if (!streamed) {
-        for (const auto& part : packages) {
-            preferences->findEnabledBlockersRemovingWhitelistRules(
-                part, [&file](const model::Blocker& blocker) { file.add(blocker); });
-        }
-    }
+    SafariJSONBuilder file;
+    for (const Part& part : body) file.add(part.entries);
     platform::consolePrint("Found " + std::to_string(file.count()) + " enabled rules");
     if (reachedCheckpointCancelled()) return;
 

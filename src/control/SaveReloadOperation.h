@@ -1,11 +1,13 @@
 #pragma once
 
+#include "control/EncodedBodyCache.h"
 #include "model/ExtensionType.h"
 #include "platform/Operation.h"
 #include "storage/ReloadingResult.h"
 
 #include <atomic>
 #include <functional>
+#include <memory>
 
 // Rebuilds one content-blocker extension's Safari JSON file and then hands the
 // extension to the reload queue.
@@ -32,9 +34,12 @@ public:
     // is neither written nor reloaded, and its completion is never called.
     // With `allowsCancelling` false the operation runs to its end even when
     // cancelled after it started. `dataManager` must outlive the operation.
+    // With `bodies`, what each package contributes to the file is taken from
+    // there while it still holds, and kept there for the next rebuild;
+    // without, everything is encoded afresh. The file is the same either way.
     SaveReloadOperation(model::ExtensionType extensionType, bool allowsCancelling,
                         storage::ReloadingCompletion completion, DataManager& dataManager,
-                        ReloadRequest reloadRequest);
+                        ReloadRequest reloadRequest, std::shared_ptr<EncodedBodyCache> bodies = nullptr);
 
     void main() override;
 
@@ -53,6 +58,7 @@ private:
     storage::ReloadingCompletion completion_;
     DataManager& dataManager_;
     ReloadRequest reloadRequest_;
+    std::shared_ptr<EncodedBodyCache> bodies_;
     std::atomic<bool> didRequestReload_{false};
 };
 

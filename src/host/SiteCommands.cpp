@@ -455,7 +455,11 @@ void printSite(const ui::SiteState& state) {
 int runSite(const std::string& host, const GlobalOptions& global) {
     const auto domain = model::domainForHost(host);
     if (!domain) return invalidDomain(host);
-    const ui::SiteState state = ui::SiteState::read(loadedDataManager(), *domain);
+    // A site's state is in the whitelist and make-HTTPS packages: the rule
+    // set's large lists are not read for it.
+    DataManager& manager = DataManager::shared();
+    manager.refreshUserPackagesFromDisk();
+    const ui::SiteState state = ui::SiteState::read(manager, *domain);
     if (global.json) {
         printLine(siteJSON(state));
     } else {

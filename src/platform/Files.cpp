@@ -1,5 +1,7 @@
 #include "platform/Files.h"
 
+#include "platform/DispatchQueue.h"
+
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/stat.h>
@@ -7,6 +9,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <memory>
 #include <string>
 
 namespace tamsel::platform {
@@ -46,6 +49,9 @@ public:
 private:
     int fd_;
 };
+
+// Files from this size up are let go of in the background when replaced.
+constexpr off_t largeFileBytes = 1 << 20;
 
 bool writeAll(int fd, std::string_view bytes) {
     while (!bytes.empty()) {
@@ -106,6 +112,11 @@ std::expected<void, std::error_code> checkReplaceable(const std::filesystem::pat
 }
 
 std::expected<void, std::error_code> writeFileAtomically(const std::filesystem::path& path, std::string_view bytes) {
+    return writeFileAtomically(path, std::span<const std::string_view>(&bytes, 1));
+}
+
+std::expected<void, std::error_code> writeFileAtomically(const std::filesystem::path& path,
+                                                         std::span<const std::string_view> parts) {
     // Something put there between this look and the rename below is still
     // replaced; the look keeps the program from doing it on its own.
     if (auto replaceable = checkReplaceable(path); !replaceable) return replaceable;
@@ -128,12 +139,25 @@ std::expected<void, std::error_code> writeFileAtomically(const std::filesystem::
     };
 
     struct stat existing{};
-    const mode_t mode = ::stat(path.c_str(), &existing) == 0 ? (existing.st_mode & 07777) : 0644;
+    const bool exists = ::stat(path.c_str(), &existing) == 0;
+    const mode_t mode = exists ? (existing.st_mode & 07777) : 0644;
     if (::fchmod(fd.get(), mode) != 0) return fail();
-    if (!writeAll(fd.get(), bytes)) return fail();
+    // Dropping a large replaced file (its cached pages, its blocks) takes
+    // about as long as writing it did. Held open across the rename, the old
+    // file goes when it is closed, which happens off the caller's thread.
+    auto previous = std::make_shared<FileDescriptor>(
+        exists && S_ISREG(existing.st_mode) && existing.st_size >= largeFileBytes
+            ? ::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC)
+            : -1);
+    for (const std::string_view part : parts) {
+        if (!writeAll(fd.get(), part)) return fail();
+    }
     if (::fsync(fd.get()) != 0) return fail();
     if (fd.close() != 0) return fail();
     if (::rename(temporary.c_str(), path.c_str()) != 0) return fail();
+    if (previous->get() >= 0) {
+        DispatchQueue::global(QualityOfService::background).async([previous = std::move(previous)] { previous->close(); });
+    }
 
     // Make the rename itself durable; the data is safe either way.
     FileDescriptor directoryFd(::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));

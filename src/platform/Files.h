@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <expected>
 #include <filesystem>
+#include <span>
 #include <string>
 #include <string_view>
 #include <system_error>
@@ -38,6 +39,10 @@ std::expected<void, std::error_code> checkReplaceable(const std::filesystem::pat
 // back as a std::error_code in the generic category.
 std::expected<void, std::error_code> writeFileAtomically(const std::filesystem::path& path,
                                                          std::string_view bytes);
+// The same for a file made of `parts`, written one after the other, so that
+// a large file assembled from pieces kept elsewhere needs no copy in one.
+std::expected<void, std::error_code> writeFileAtomically(const std::filesystem::path& path,
+                                                         std::span<const std::string_view> parts);
 
 // Removes the temporary files that writeFileAtomically left in `folder` when
 // its process died mid-write: those no live writer holds locked, at least

@@ -78,6 +78,7 @@ std::optional<StoreError> BlockedResourceDatabase::openLocked() {
         return StoreError::of(exception, url_);
     }
     sqlite3_extended_result_codes(connection_->getHandle(), 1);
+    BlockedResourceSchema::registerFunctions(*connection_);
     openedFile_ = fileIdentity(url_);
 
     // The schema is checked before anything is written, so that a file of
@@ -85,7 +86,11 @@ std::optional<StoreError> BlockedResourceDatabase::openLocked() {
     auto failure = BlockedResourceSchema::prepare(*connection_, url_);
     if (!failure) {
         try {
-            connection_->exec("PRAGMA journal_mode=WAL; PRAGMA synchronous=NORMAL;");
+            // A large batch leaves a large log behind; after the checkpoint
+            // that empties it the log is cut back to the size checkpoints
+            // keep it at anyway (1000 pages), rather than keeping its peak.
+            connection_->exec("PRAGMA journal_mode=WAL; PRAGMA synchronous=NORMAL; "
+                              "PRAGMA journal_size_limit=4194304;");
         } catch (const SQLite::Exception& exception) {
             failure = StoreError::of(exception, url_);
         }

@@ -1,5 +1,8 @@
 #include "runtime/BlockedResourceQueries.h"
 
+#include "runtime/BlockedResourceSchema.h"
+#include "runtime/URLHost.h"
+
 #include "platform/Log.h"
 #include "platform/UUID.h"
 
@@ -40,9 +43,7 @@ constexpr const char* allTimeCountSQL =
 constexpr const char* firstDateSQL =
     "SELECT date FROM BlockedResource WHERE date IS NOT NULL ORDER BY date LIMIT 1";
 
-constexpr const char* pageRecordsSQL =
-    "SELECT id, date, extensionID, blockedURL, pageURL, pageDomain FROM BlockedResource "
-    "WHERE pageURL = ?1 ORDER BY rowid";
+using BlockedResourceSchema::pageRecordsSQL;
 
 std::optional<std::string> text(const SQLite::Column& column) {
     if (column.isNull()) return std::nullopt;
@@ -159,7 +160,13 @@ std::optional<std::vector<BlockedResource>> BlockedResourceQueries::records(std:
             record.extensionID = text(statement.getColumn(2));
             record.blockedURL = text(statement.getColumn(3));
             record.pageURL = text(statement.getColumn(4));
-            record.pageDomain = text(statement.getColumn(5));
+            // NULL stands for the page address's host, an empty blob for no domain.
+            const SQLite::Column domain = statement.getColumn(5);
+            if (domain.isNull()) {
+                record.pageDomain = record.pageURL ? urlHost(*record.pageURL) : std::nullopt;
+            } else if (!domain.isBlob()) {
+                record.pageDomain = domain.getString();
+            }
             records.push_back(std::move(record));
         }
         return records;

@@ -1,5 +1,7 @@
 #include "runtime/BlockedResourceSchema.h"
 
+#include "runtime/URLHost.h"
+
 #include <SQLiteCpp/Statement.h>
 #include <SQLiteCpp/Transaction.h>
 #include <fmt/format.h>
@@ -55,6 +57,9 @@ BEGIN
 END;
 )sql";
 
+// A page's records are found by their page's key.
+constexpr const char* pageIndexSQL = "CREATE INDEX BlockedResourceByPage ON BlockedResource(page_key(pageURL));";
+
 constexpr const char* dropTriggerSQL = "DROP TRIGGER IF EXISTS BlockedResourceCounting;";
 
 // Layout 1 had no daily table; the daily counts follow from its hourly ones.
@@ -92,21 +97,62 @@ void change(SQLite::Database& database, Check&& stillNeeded, const std::string& 
     transaction.commit();
 }
 
+void pageKeyFunction(sqlite3_context* context, int, sqlite3_value** arguments) {
+    if (sqlite3_value_type(arguments[0]) == SQLITE_NULL) {
+        sqlite3_result_null(context);
+        return;
+    }
+    const auto* text = reinterpret_cast<const char*>(sqlite3_value_text(arguments[0]));
+    const auto length = static_cast<std::size_t>(sqlite3_value_bytes(arguments[0]));
+    sqlite3_result_int(context, pageKey(std::string_view(text ? text : "", text ? length : 0)));
+}
+
 }  // namespace
+
+std::int16_t pageKey(std::string_view pageURL) {
+    std::uint32_t hash = 2166136261u;
+    for (const char byte : pageURL) {
+        hash ^= static_cast<unsigned char>(byte);
+        hash *= 16777619u;
+    }
+    // The halves folded together; two bytes in the index.
+    return static_cast<std::int16_t>(static_cast<std::uint16_t>((hash >> 16) ^ (hash & 0xFFFFu)));
+}
+
+StoredPageDomain storedPageDomain(const std::optional<std::string>& pageURL,
+                                  const std::optional<std::string>& pageDomain) {
+    const std::optional<std::string> host = pageURL ? urlHost(*pageURL) : std::nullopt;
+    if (pageDomain == host) return {StoredPageDomain::Kind::derived};
+    if (!pageDomain) return {StoredPageDomain::Kind::absent};
+    return {StoredPageDomain::Kind::text};
+}
+
+void registerFunctions(SQLite::Database& database) {
+    sqlite3_create_function_v2(database.getHandle(), "page_key", 1,
+                               SQLITE_UTF8 | SQLITE_DETERMINISTIC | SQLITE_INNOCUOUS, nullptr, &pageKeyFunction,
+                               nullptr, nullptr, nullptr);
+}
 
 std::optional<StoreError> prepare(SQLite::Database& database, const std::filesystem::path& path) {
     try {
         if (tableCount(database) == 0) {
             change(database, [&] { return tableCount(database) == 0; },
-                   std::string(recordsAndHourlyCountSQL) + dailyCountSQL + countingTriggerSQL + stampSQL());
+                   std::string(recordsAndHourlyCountSQL) + dailyCountSQL + countingTriggerSQL + pageIndexSQL +
+                       stampSQL());
         }
         const auto application = integer(database, "PRAGMA application_id");
         auto layout = integer(database, "PRAGMA user_version");
-        if (application == applicationID && (layout == 1 || layout == 2)) {
+        if (application == applicationID && layout >= 1 && layout < version) {
             const auto from = *layout;
-            std::string upgrade = dropTriggerSQL;
-            if (from == 1) upgrade += std::string(dailyCountSQL) + fillDailyCountSQL;
-            upgrade += std::string(nanosecondsToMicrosecondsSQL) + countingTriggerSQL + stampSQL();
+            std::string upgrade;
+            if (from <= 2) {
+                upgrade += dropTriggerSQL;
+                if (from == 1) upgrade += std::string(dailyCountSQL) + fillDailyCountSQL;
+                upgrade += std::string(nanosecondsToMicrosecondsSQL) + countingTriggerSQL;
+            }
+            // NULL has stood for "no domain"; from here on that is an empty blob.
+            upgrade += "UPDATE BlockedResource SET pageDomain = X'' WHERE pageDomain IS NULL;";
+            upgrade += std::string(pageIndexSQL) + stampSQL();
             change(database, [&] { return integer(database, "PRAGMA user_version") == from; }, upgrade);
             layout = version;
         }
@@ -137,7 +183,8 @@ std::optional<StoreError> probe(SQLite::Database& database, const std::filesyste
                                 "SELECT date FROM BlockedResource ORDER BY date DESC LIMIT 1",
                                 "SELECT date FROM BlockedResource ORDER BY date LIMIT 1",
                                 "SELECT COUNT(*) FROM BlockedResourceHourlyCount",
-                                "SELECT COUNT(*) FROM BlockedResourceDailyCount"}) {
+                                "SELECT COUNT(*) FROM BlockedResourceDailyCount",
+                                "SELECT rowid FROM BlockedResource WHERE page_key(pageURL) = 0 LIMIT 1"}) {
             integer(database, sql);
         }
         return std::nullopt;

@@ -1,5 +1,7 @@
 #include "runtime/BlockedResourceWriter.h"
 
+#include "runtime/BlockedResourceSchema.h"
+
 #include "platform/BuildConfig.h"
 #include "platform/UUID.h"
 
@@ -96,7 +98,14 @@ void BlockedResourceWriter::writeBatch(BlockedResourceDatabase& database, const 
             bindText(statement, 3, record.extensionID);
             bindText(statement, 4, record.blockedURL);
             bindText(statement, 5, record.pageURL);
-            bindText(statement, 6, record.pageDomain);
+            // The page's host is not stored again: the column stays NULL.
+            switch (BlockedResourceSchema::storedPageDomain(record.pageURL, record.pageDomain).kind) {
+                case BlockedResourceSchema::StoredPageDomain::Kind::derived: statement.bind(6); break;
+                case BlockedResourceSchema::StoredPageDomain::Kind::absent:
+                    statement.bind(6, static_cast<const void*>(""), 0);
+                    break;
+                case BlockedResourceSchema::StoredPageDomain::Kind::text: statement.bindNoCopy(6, *record.pageDomain); break;
+            }
             statement.exec();
         }
     }

@@ -20,6 +20,20 @@ EnabledRuleSelection::PackageRules EnabledRuleSelection::forPackage(std::string_
                         rules == disabledRules_.end() ? nullptr : &rules->second);
 }
 
+EnabledRuleSelection::PackageState EnabledRuleSelection::stateOf(std::string_view packageID) const {
+    PackageState state;
+    const std::string id(packageID);
+    if (const auto disabled = disabledPackages_.find(id); disabled != disabledPackages_.end()) {
+        state.enabled = !disabled->second;
+    }
+    if (const auto rules = disabledRules_.find(id); rules != disabledRules_.end()) {
+        for (const auto& [rule, off] : rules->second) {
+            if (off) state.disabledRuleIDs.push_back(rule);
+        }
+    }
+    return state;
+}
+
 EnabledRuleSelection::PackageRules::PackageRules(bool enabled, bool feedsBlocking, model::ExtensionType ownType,
                                                  const std::map<std::string, bool>* disabledRules)
     : enabled_(enabled), feedsBlocking_(feedsBlocking), ownType_(ownType), disabledRules_(disabledRules) {}

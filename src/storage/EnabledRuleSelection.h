@@ -7,6 +7,7 @@
 #include <map>
 #include <string>
 #include <string_view>
+#include <vector>
 
 // The compiler's choice of rules, from the disabled states as they stood when
 // the selection was made. One selection serves a whole rebuild and answers
@@ -45,6 +46,17 @@ public:
     };
 
     PackageRules forPackage(std::string_view packageID) const;
+
+    // What the choice among one package's rules follows from, so that a
+    // choice made under another selection can be told to still hold: the
+    // package's switch and its rules switched off, nothing else.
+    struct PackageState {
+        bool enabled = true;
+        std::vector<std::string> disabledRuleIDs;  // in order
+
+        bool operator==(const PackageState&) const = default;
+    };
+    PackageState stateOf(std::string_view packageID) const;
 
 private:
     DisabledPackages disabledPackages_;

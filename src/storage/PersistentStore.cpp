@@ -178,12 +178,12 @@ PersistentStore::WriteResult PersistentStore::write(SafariJSONBuilder& file, mod
     // Safari refuses a list without entries, so "no entries" is written as
     // one entry that matches nothing.
     const std::size_t count = file.count();
-    auto bytes = encode(path, [&] { return file.finish(); });
-    if (!bytes) return std::unexpected(bytes.error());
+    auto pieces = encode(path, [&] { return file.finish(); });
+    if (!pieces) return std::unexpected(pieces.error());
 
     std::error_code ignored;
     fs::create_directories(path.parent_path(), ignored);
-    if (!platform::writeFileAtomically(path, *bytes)) {
+    if (!platform::writeFileAtomically(path, *pieces)) {
         if (count > 0) {
             logger().error("Could not write %ld blockers to Safari JSON file in shared container: %s",
                            static_cast<long>(count), path.c_str());

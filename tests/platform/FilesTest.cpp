@@ -59,6 +59,18 @@ TEST_F(FilesTest, ReplacesTheFileAndLeavesNothingElse) {
     EXPECT_EQ(namesIn(target.parent_path()), std::vector<std::string>{"block-ads.json"});
 }
 
+TEST_F(FilesTest, PartsMakeOneFileAndALargeReplacedFileStaysWholeForWhoeverHasItOpen) {
+    const std::string old(2 * 1024 * 1024, 'o');
+    ASSERT_TRUE(writeFileAtomically(target, old));
+    std::ifstream reader(target, std::ios::binary);
+    const std::string body(2 * 1024 * 1024 + 3, 'n');
+    const std::vector<std::string_view> parts{"[", body, ",", "", "tail", "]"};
+    ASSERT_TRUE(writeFileAtomically(target, parts));
+    EXPECT_EQ(*readFile(target), "[" + body + ",tail]");
+    EXPECT_EQ(std::string(std::istreambuf_iterator<char>(reader), {}), old);
+    EXPECT_EQ(namesIn(target.parent_path()), std::vector<std::string>{"block-ads.json"});
+}
+
 TEST_F(FilesTest, NewFilesAreReadableByOthersAndExistingPermissionsStay) {
     ASSERT_TRUE(writeFileAtomically(target, "a"));
     EXPECT_EQ(modeOf(target), 0644u);

@@ -2,6 +2,8 @@
 
 #include <fmt/format.h>
 #include <sqlite3.h>
+#include <SQLiteCpp/Database.h>
+#include <SQLiteCpp/Statement.h>
 
 #include "StoreTestSupport.h"
 
@@ -110,9 +112,63 @@ TEST_F(DamagedStoreTest, StoreOfTheSecondLayoutHasItsNanosecondDatesConverted) {
               (ExtensionCounts{{ExtensionType::blockAds, 1}}));
 }
 
+TEST_F(DamagedStoreTest, StoreOfTheThirdLayoutFindsAPagesRecordsThroughItsKeyAndTellsApartPagesOfOneKey) {
+    // The third layout's date index carried the extension, and there was no
+    // page index. These two addresses have the same page key.
+    const std::string page = "https://p.example/149599";
+    const std::string samePageKey = "https://p.example/312382";
+    ASSERT_EQ(BlockedResourceSchema::pageKey(page), BlockedResourceSchema::pageKey(samePageKey));
+    std::string sql = version1SchemaSQL;
+    sql.replace(sql.find("PRAGMA user_version = 1;"), 24,
+                "CREATE TABLE BlockedResourceDailyCount(day INTEGER NOT NULL, extensionID TEXT NOT NULL, "
+                "count INTEGER NOT NULL, PRIMARY KEY (day, extensionID)) WITHOUT ROWID; PRAGMA user_version = 3;");
+    for (int i = 0; i < 30; ++i) {
+        sql += fmt::format("INSERT INTO BlockedResource VALUES (NULL, {}, 'block-ads', 'https://t.example/{}', "
+                           "'{}', 'p.example');",
+                           1714521600LL * 1'000'000 + i, i, i % 3 == 0 ? page : i % 3 == 1 ? samePageKey : "https://q.example/");
+    }
+    // A record of the old layout without a domain keeps having none.
+    sql += "INSERT INTO BlockedResource VALUES (NULL, 1, 'block-ads', 'https://t.example/x', 'https://q.example/', NULL);";
+    execute(storePath(), sql);
+
+    CoreDataStore store(directory.path(), clock);
+    ASSERT_TRUE(store.isLoaded());
+    // A new record's domain is stored only where it is not its page's host.
+    auto withDomain = [&](std::optional<std::string> domain, std::string blocked) {
+        auto made = record(utc(2024, 5, 2), ExtensionType::blockSocial, page, std::move(blocked));
+        made.pageDomain = std::move(domain);
+        return made;
+    };
+    ASSERT_TRUE(insertNow(store, {withDomain("p.example", "https://t.example/host"),
+                                  withDomain("other.example", "https://t.example/other"),
+                                  withDomain(std::nullopt, "https://t.example/none")}));
+    const auto records = store.blockedResources(page);
+    ASSERT_TRUE(records);
+    ASSERT_EQ(records->size(), 13U);
+    EXPECT_EQ(records->front().blockedURL, "https://t.example/0");
+    EXPECT_EQ(records->front().pageDomain, "p.example");
+    EXPECT_EQ(records->at(10).pageDomain, "p.example");
+    EXPECT_EQ(records->at(11).pageDomain, "other.example");
+    EXPECT_EQ(records->at(12).pageDomain, std::nullopt);
+    for (const auto& found : *records) EXPECT_EQ(found.pageURL, page);
+    EXPECT_EQ(store.blockedResources(samePageKey)->size(), 10U);
+    EXPECT_EQ(store.blockedResources("https://q.example/")->back().pageDomain, std::nullopt);
+    EXPECT_EQ(store.blockedResources("https://r.example/")->size(), 0U);
+
+    // The page is looked up in the index, not found by reading every record.
+    SQLite::Database database(storePath(), SQLite::OPEN_READONLY);
+    BlockedResourceSchema::registerFunctions(database);
+    EXPECT_EQ(database.execAndGet("SELECT COUNT(*) FROM BlockedResource WHERE pageDomain IS NULL").getInt(), 1)
+        << "only the record whose domain is its page's host leaves it out";
+    SQLite::Statement plan(database, std::string("EXPLAIN QUERY PLAN ") + BlockedResourceSchema::pageRecordsSQL);
+    std::string steps;
+    while (plan.executeStep()) steps += plan.getColumn(3).getString() + "\n";
+    EXPECT_THAT(steps, HasSubstr("USING INDEX BlockedResourceByPage"));
+}
+
 TEST_F(DamagedStoreTest, StoreOfANewerVersionIsLeftAloneAndNotUsed) {
     makeStoreWithRecords();
-    execute(storePath(), "PRAGMA user_version = 4;");
+    execute(storePath(), "PRAGMA user_version = 5;");
     std::string before = readBytes(storePath());
 
     tamsel::testing::LogCapture log;
@@ -121,7 +177,7 @@ TEST_F(DamagedStoreTest, StoreOfANewerVersionIsLeftAloneAndNotUsed) {
         EXPECT_FALSE(store.isLoaded());
         EXPECT_EQ(store.sumBlockedResourcesPerExtension(std::nullopt, std::nullopt), std::nullopt);
     }
-    EXPECT_THAT(log.lines().front(), HasSubstr("schema version 4, newer than 3"));
+    EXPECT_THAT(log.lines().front(), HasSubstr("schema version 5, newer than 4"));
     EXPECT_TRUE(filesWithPrefix(directory.path(), "blocked-resources-data.sqlite.corrupt-").empty());
     EXPECT_TRUE(readBytes(storePath()) == before);
 }
