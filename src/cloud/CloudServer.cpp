@@ -861,6 +861,10 @@ struct CloudServer::Impl {
 
     void installRoutes() {
         auto& s = *server;
+        s.set_pre_routing_handler([this](const httplib::Request&, httplib::Response&) {
+            ++owner.requestCount_;
+            return httplib::Server::HandlerResponse::Unhandled;
+        });
         const std::string databasePattern = R"(/database/1/([^/]+)/([^/]+)/([^/]+)/([a-z]+/[a-z]+))";
         auto databaseHandler = [this](const httplib::Request& request, httplib::Response& response) {
             send(response, database(request, request.matches[1], request.matches[2], request.matches[3],

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <expected>
 #include <memory>
@@ -56,6 +57,8 @@ public:
     CloudStore& store() { return *store_; }
     FaultInjector& faults() { return faults_; }
     PushHub& push() { return push_; }
+    // Requests received so far, of any kind.
+    std::size_t requestCount() const { return requestCount_; }
 
     struct Impl;
 
@@ -66,6 +69,7 @@ private:
     PushHub push_;
     std::unique_ptr<Impl> impl_;
     int port_ = 0;
+    std::atomic<std::size_t> requestCount_ = 0;
 };
 
 }  // namespace tamsel::cloud

@@ -77,7 +77,7 @@ size_t onBody(char* data, size_t size, size_t count, void* context) {
 
 int onProgress(void* context, curl_off_t downloadTotal, curl_off_t downloaded, curl_off_t, curl_off_t) {
     auto* transfer = static_cast<Transfer*>(context);
-    if (transfer->request->cancelled && transfer->request->cancelled->load()) {
+    if (transfer->request->isCancelled && transfer->request->isCancelled()) {
         transfer->wasCancelled = true;
         return 1;  // aborts the transfer
     }

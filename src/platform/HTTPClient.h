@@ -1,6 +1,5 @@
 #pragma once
 
-#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <expected>
@@ -69,9 +68,9 @@ struct HTTPRequest {
     std::vector<std::pair<std::string, std::string>> headers = {};
     // The body of a post.
     std::string body = {};
-    // Looked at while the transfer runs; once it is true the transfer stops
-    // with a cancelled error. May be null.
-    const std::atomic<bool>* cancelled = nullptr;
+    // Asked while the transfer runs (at least once a second); once it
+    // answers true the transfer stops with a cancelled error. May be empty.
+    std::function<bool()> isCancelled = {};
 };
 
 struct HTTPResponse {
