@@ -177,8 +177,10 @@ std::expected<HTTPResponse, HTTPError> HTTPClient::perform(const HTTPRequest& re
     }
     if (headerList) curl_easy_setopt(curl, CURLOPT_HTTPHEADER, headerList.get());
     const auto seconds = std::chrono::ceil<std::chrono::seconds>(request.timeout).count();
-    curl_easy_setopt(curl, CURLOPT_LOW_SPEED_LIMIT, lowSpeedLimit);
-    curl_easy_setopt(curl, CURLOPT_LOW_SPEED_TIME, static_cast<long>(std::max<decltype(seconds)>(1, seconds)));
+    if (!request.streaming) {
+        curl_easy_setopt(curl, CURLOPT_LOW_SPEED_LIMIT, lowSpeedLimit);
+        curl_easy_setopt(curl, CURLOPT_LOW_SPEED_TIME, static_cast<long>(std::max<decltype(seconds)>(1, seconds)));
+    }
     if (request.totalTimeout) {
         curl_easy_setopt(curl, CURLOPT_TIMEOUT_MS, static_cast<long>(std::max<std::chrono::milliseconds::rep>(
                                                        1, request.totalTimeout->count())));

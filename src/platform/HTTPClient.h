@@ -71,6 +71,9 @@ struct HTTPRequest {
     // Asked while the transfer runs (at least once a second); once it
     // answers true the transfer stops with a cancelled error. May be empty.
     std::function<bool()> isCancelled = {};
+    // A stream that stays open and trickles (server-sent events): no
+    // low-speed limit; only `timeout` without any byte counts as a stall.
+    bool streaming = false;
 };
 
 struct HTTPResponse {

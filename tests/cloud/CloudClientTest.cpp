@@ -4,6 +4,7 @@
 #include "cloud/CloudServerFixture.h"
 #include "platform/CKContainer.h"
 #include "platform/CKOperations.h"
+#include "platform/CKPushConnection.h"
 #include "platform/CloudAccount.h"
 #include "platform/NotificationCenter.h"
 
@@ -424,6 +425,101 @@ TEST_F(CloudClientTest, ReportsGoToThePublicDatabaseOfTheReportContainer) {
     ASSERT_FALSE(result.error) << result.error->localizedDescription();
     ASSERT_EQ(store_->reports().size(), 1u);
     EXPECT_EQ(store_->reports()[0].record.recordName, "REPORT-1");
+}
+
+// Collects a push connection's events.
+struct Inbox {
+    std::mutex mutex;
+    std::condition_variable arrived;
+    std::vector<std::pair<std::string, std::string>> events;
+
+    platform::CKPushConnection::Handler handler() {
+        return [this](const std::string& kind, const std::string& data) {
+            std::lock_guard lock(mutex);
+            events.emplace_back(kind, data);
+            arrived.notify_all();
+        };
+    }
+    bool waitFor(std::size_t count, std::chrono::milliseconds timeout) {
+        std::unique_lock lock(mutex);
+        return arrived.wait_for(lock, timeout, [&] { return events.size() >= count; });
+    }
+    std::size_t size() {
+        std::lock_guard lock(mutex);
+        return events.size();
+    }
+};
+
+TEST_F(CloudClientTest, PushTellsTheUsersOtherDevicesAndNeverTheWriter) {
+    auto containerA = containerFor(aliceToken_, "device-A");
+    auto containerB = containerFor(aliceToken_, "device-B");
+    auto containerBob = containerFor(bobToken_, "device-C");
+    ASSERT_FALSE(saveZone(containerA->privateCloudDatabase()));
+    ASSERT_FALSE(saveZone(containerBob->privateCloudDatabase()));
+    for (const auto& container : {containerA, containerBob}) {
+        auto operation = std::make_shared<CKModifySubscriptionsOperation>(
+            std::vector{platform::CKRecordZoneSubscription{rulesZone, "zone-sub", {true}}}, std::vector<std::string>{});
+        container->privateCloudDatabase()->addOperation(operation);
+        operation->waitUntilFinished();
+    }
+    Inbox inboxA, inboxB, inboxBob;
+    platform::CKPushConnection pushA(containerA->transport(), inboxA.handler());
+    platform::CKPushConnection pushB(containerB->transport(), inboxB.handler());
+    platform::CKPushConnection pushBob(containerBob->transport(), inboxBob.handler());
+    for (auto* push : {&pushA, &pushB, &pushBob}) push->start();
+    for (auto* push : {&pushA, &pushB, &pushBob}) ASSERT_TRUE(push->waitUntilConnected(std::chrono::seconds(5)));
+    EXPECT_EQ(server_->push().streamCount(), 3u);
+
+    ASSERT_FALSE(save(containerA->privateCloudDatabase(), {rule("r", "x")}).error);
+    ASSERT_TRUE(inboxB.waitFor(1, std::chrono::seconds(5)));
+    {
+        std::lock_guard lock(inboxB.mutex);
+        EXPECT_EQ(inboxB.events[0].first, "zoneChanged");
+        EXPECT_NE(inboxB.events[0].second.find("\"zoneName\":\"BlockerRulesZone\""), std::string::npos);
+        EXPECT_NE(inboxB.events[0].second.find("zone-sub"), std::string::npos);
+    }
+    // A write of B reaches A; neither hears its own, Bob hears nothing.
+    ASSERT_FALSE(save(containerB->privateCloudDatabase(), {rule("s", "x")}).error);
+    ASSERT_TRUE(inboxA.waitFor(1, std::chrono::seconds(5)));
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    EXPECT_EQ(inboxA.size(), 1u);
+    EXPECT_EQ(inboxB.size(), 1u);
+    EXPECT_EQ(inboxBob.size(), 0u);
+
+    // A failed write tells no one.
+    ASSERT_TRUE(save(containerA->privateCloudDatabase(), {rule("r", "again")}).error);
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    EXPECT_EQ(inboxB.size(), 1u);
+
+    pushB.stop();
+    for (int i = 0; i < 100 && server_->push().streamCount() > 2; ++i) {
+        // The server notices a gone device at its next write to it.
+        server_->push().publish(DatabaseScope{"iCloud.app.tamsel.Tamsel", "development", false, "alice"}.key(), "probe",
+                                PushEvent{"probe", "{}"}, "device-A");
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    EXPECT_EQ(server_->push().streamCount(), 2u);
+}
+
+TEST(PushHubTest, EventsForADeviceAreCoalescedUntilItReads) {
+    PushHub hub;
+    auto reader = hub.open("scope", "device-B");
+    auto writer = hub.open("scope", "device-A");
+    ASSERT_TRUE(reader && writer);
+    for (int i = 0; i < 5; ++i) hub.publish("scope", "zone:sub", PushEvent{"zoneChanged", std::to_string(i)}, "device-A");
+    hub.publish("scope", "kvs", PushEvent{"keyValueChanged", "{}"}, "device-A");
+    auto events = reader->next(std::chrono::milliseconds(0));
+    ASSERT_TRUE(events);
+    ASSERT_EQ(events->size(), 2u);
+    EXPECT_EQ((*events)[1].data, "4");  // the latest
+    auto none = writer->next(std::chrono::milliseconds(0));
+    ASSERT_TRUE(none);
+    EXPECT_TRUE(none->empty());
+
+    hub.setMaximumStreams(2);
+    EXPECT_EQ(hub.open("scope", "device-C"), nullptr);
+    hub.shutdown();
+    EXPECT_FALSE(reader->next(std::chrono::milliseconds(0)));
 }
 
 }  // namespace
