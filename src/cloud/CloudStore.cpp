@@ -209,7 +209,11 @@ void CloudStore::createSchema() {
         "device_ms BIGINT NOT NULL, seq BIGINT NOT NULL, PRIMARY KEY(scope, key))",
         "CREATE TABLE IF NOT EXISTS kv_stores(scope TEXT PRIMARY KEY, change_seq BIGINT NOT NULL)",
     };
-    database_->transaction([](SQLConnection& sql) {
+    const bool shared = database_->dialect() == "postgresql";
+    database_->transaction([shared](SQLConnection& sql) {
+        // Servers starting together on one PostgreSQL database would race
+        // to create the same tables.
+        if (shared) sql.execute("SELECT pg_advisory_xact_lock(7270001)");
         for (auto statement : statements) sql.execute(statement);
     });
 }

@@ -4,7 +4,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <mutex>
+#include <system_error>
 
 #include <rapidjson/stringbuffer.h>
 #include <rapidjson/writer.h>
@@ -48,15 +50,22 @@ std::expected<void, std::string> CloudAccount::save(const CloudAccount& account)
     writer.String(account.token.c_str());
     writer.EndObject();
     const auto path = location();
-    // The token is a secret: the file exists with owner-only permissions
-    // before the atomic replace, which keeps an existing file's permissions.
-    const int descriptor = ::open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
-    if (descriptor >= 0) {
-        ::fchmod(descriptor, 0600);
-        ::close(descriptor);
+    // The token is a secret: the new file is the owner's alone from its first
+    // byte, then replaces the old one at once (readers see the old account or
+    // the new one, never a part).
+    const auto temporary = path.string() + "." + newUUIDString() + ".tmp";
+    const int descriptor = ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+    if (descriptor < 0) return std::unexpected(temporary + ": " + std::generic_category().message(errno));
+    const std::string_view bytes(buffer.GetString(), buffer.GetSize());
+    const bool written = ::write(descriptor, bytes.data(), bytes.size()) == static_cast<ssize_t>(bytes.size()) &&
+                         ::fsync(descriptor) == 0;
+    const int error = errno;
+    ::close(descriptor);
+    if (!written || ::rename(temporary.c_str(), path.c_str()) != 0) {
+        const int failure = written ? errno : error;
+        ::unlink(temporary.c_str());
+        return std::unexpected(path.string() + ": " + std::generic_category().message(failure));
     }
-    auto written = writeFileAtomically(path, std::string_view(buffer.GetString(), buffer.GetSize()));
-    if (!written) return std::unexpected(path.string() + ": " + written.error().message());
     return {};
 }
 

@@ -5,6 +5,7 @@
 
 #include <fmt/format.h>
 
+#include <cstdlib>
 #include <memory>
 #include <string>
 
@@ -45,10 +46,24 @@ struct Answer {
 
 // A server on 127.0.0.1 over a temporary SQLite file, with an administrator
 // ("admin") and two users ("alice", "bob").
+//
+// With TAMSEL_CLOUD_TEST_POSTGRESQL set to a connection address the same
+// tests run on that PostgreSQL database instead, emptied before each test
+// (run the test program itself then, one test at a time).
 class CloudServerTest : public ::testing::Test {
 protected:
+    static std::string databaseAddress(const std::filesystem::path& directory) {
+        if (const char* postgres = std::getenv("TAMSEL_CLOUD_TEST_POSTGRESQL"); postgres && *postgres) {
+            SQLDatabase::open(postgres)->transaction([](SQLConnection& sql) {
+                sql.execute("DROP TABLE IF EXISTS users, zones, records, subscriptions, kv_items, kv_stores");
+            });
+            return postgres;
+        }
+        return "sqlite:" + (directory / "cloud.sqlite").string();
+    }
+
     void SetUp() override {
-        store_ = std::make_shared<CloudStore>(SQLDatabase::open("sqlite:" + (directory_ / "cloud.sqlite").string()));
+        store_ = std::make_shared<CloudStore>(SQLDatabase::open(databaseAddress(directory_.path())));
         adminToken_ = store_->addUser("admin", true).value();
         aliceToken_ = store_->addUser("alice", false).value();
         bobToken_ = store_->addUser("bob", false).value();
