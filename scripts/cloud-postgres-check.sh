@@ -81,6 +81,19 @@ names=$(fetch_all "" "$B")
 first_token=$(cat "$work/token")
 echo "cloud-postgres-check: a change written through A was fetched through B"
 
+# A device listening on B hears of a write through A.
+call "$A" subscriptions/modify '{"operations":[{"operationType":"create","subscription":{"subscriptionID":"s","subscriptionType":"zone","zoneID":{"zoneName":"Z"}}}]}' >/dev/null
+curl -sN -H "Authorization: Bearer $token" -H 'X-Tamsel-Device-ID: listener' \
+    "$B/database/1/iCloud.app.tamsel.Tamsel/development/private/notifications" >"$work/events" &
+listener=$!
+for _ in $(seq 1 100); do grep -q '^event: ready' "$work/events" 2>/dev/null && break; sleep 0.1; done
+create "$A" pushed >/dev/null
+for _ in $(seq 1 100); do grep -q '^event: zoneChanged' "$work/events" && break; sleep 0.1; done
+kill "$listener" 2>/dev/null || true
+grep -q '^event: zoneChanged' "$work/events" || fail "a device on B was not told of a write through A"
+echo "cloud-postgres-check: a device on B was told of a write through A"
+first_token=$(fetch_all "$first_token" "$B" >/dev/null; cat "$work/token")
+
 # Both servers write at once; a reader following along misses nothing.
 (for i in $(seq 1 40); do create "$A" "a-$i" >/dev/null; done) &
 writer_a=$!

@@ -10,6 +10,7 @@
 #include "platform/CKWire.h"
 #include "platform/Log.h"
 #include "platform/Text.h"
+#include "platform/UUID.h"
 #include "platform/Value.h"
 
 namespace tamsel::cloud {
@@ -170,12 +171,48 @@ bool isLoopback(const std::string& address) {
 
 }  // namespace
 
+// Where servers on one shared database tell each other of pushes.
+const std::string pushChannel = "tamsel_push";
+
 struct CloudServer::Impl {
     CloudServer& owner;
     std::unique_ptr<httplib::Server> server;
     std::thread thread;
+    const std::string serverID = platform::newUUIDString();
+    std::unique_ptr<SQLDatabase::Listener> listener;
 
     explicit Impl(CloudServer& owner) : owner(owner) {}
+
+    // Tells this server's devices, and those of the other servers on the
+    // same database.
+    void publish(const std::string& scope, const std::string& key, const PushEvent& event, const std::string& device) {
+        owner.push_.publish(scope, key, event, device);
+        if (!listener) return;
+        rapidjson::StringBuffer buffer;
+        JSONWriter writer(buffer);
+        writer.StartObject();
+        for (auto [name, value] : {std::pair{"origin", &serverID}, std::pair{"scope", &scope}, std::pair{"key", &key},
+                                   std::pair{"kind", &event.kind}, std::pair{"data", &event.data},
+                                   std::pair{"except", &device}}) {
+            writer.Key(name);
+            writeString(writer, *value);
+        }
+        writer.EndObject();
+        try {
+            owner.store_->database().notify(pushChannel, std::string(buffer.GetString(), buffer.GetSize()));
+        } catch (const std::exception& error) {
+            logger().error("Could not tell the other servers of a push: %s", error.what());
+        }
+    }
+
+    void received(const std::string& payload) {
+        simdjson::dom::parser parser;
+        simdjson::dom::element json;
+        if (parser.parse(payload).get(json) != simdjson::SUCCESS) return;
+        auto field = [&json](const char* key) { return std::string(stringMember(json, key).value_or("")); };
+        if (field("origin") == serverID) return;
+        owner.push_.publish(field("scope"), field("key"), PushEvent{field("kind"), field("data")}, field("except"));
+    }
 
     std::string zoneChangedData(const std::string& subscriptionID, const std::string& zone) const {
         rapidjson::StringBuffer buffer;
@@ -191,7 +228,7 @@ struct CloudServer::Impl {
 
     void zoneChanged(const DatabaseScope& scope, const std::string& zone, const std::string& device) {
         for (const auto& id : owner.store_->subscriptionsOnZone(scope, zone)) {
-            owner.push_.publish(scope.key(), "zone:" + id, PushEvent{"zoneChanged", zoneChangedData(id, zone)}, device);
+            publish(scope.key(), "zone:" + id, PushEvent{"zoneChanged", zoneChangedData(id, zone)}, device);
         }
     }
 
@@ -708,7 +745,7 @@ struct CloudServer::Impl {
         }
         writer.EndArray();
         writer.EndObject();
-        if (changed) owner.push_.publish(scope.key(), "kvs", PushEvent{"keyValueChanged", "{}"}, device);
+        if (changed) publish(scope.key(), "kvs", PushEvent{"keyValueChanged", "{}"}, device);
         return {200, std::string(buffer.GetString(), buffer.GetSize()), {}};
     }
 
@@ -930,6 +967,8 @@ std::expected<int, std::string> CloudServer::start() {
         return std::unexpected(fmt::format("cannot listen on {}:{}", configuration_.address, port));
     }
     port_ = port;
+    Impl* raw = impl.get();
+    impl->listener = store_->database().listen(pushChannel, [raw](const std::string& payload) { raw->received(payload); });
     httplib::Server* server = impl->server.get();
     impl->thread = std::thread([server] { server->listen_after_bind(); });
     impl_ = std::move(impl);
@@ -941,6 +980,7 @@ void CloudServer::stop() {
     push_.shutdown();
     impl_->server->stop();
     if (impl_->thread.joinable()) impl_->thread.join();
+    impl_->listener.reset();
     impl_.reset();
 }
 

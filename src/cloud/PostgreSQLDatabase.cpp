@@ -1,6 +1,12 @@
 #include <libpq-fe.h>
 
+#include <poll.h>
+
+#include <atomic>
+#include <cerrno>
+#include <chrono>
 #include <condition_variable>
+#include <thread>
 #include <memory>
 #include <mutex>
 #include <vector>
@@ -125,7 +131,64 @@ public:
 
     std::string_view dialect() const override { return "postgresql"; }
 
+    void notify(const std::string& channel, const std::string& payload) override {
+        transaction([&](SQLConnection& sql) { sql.execute("SELECT pg_notify(?1, ?2)", {channel, payload}); });
+    }
+
+    std::unique_ptr<Listener> listen(const std::string& channel,
+                                     std::function<void(const std::string& payload)> received) override {
+        return std::make_unique<PostgreSQLListener>(address_, channel, std::move(received));
+    }
+
 private:
+    // A connection of its own that LISTENs, read on a thread that looks at
+    // its stop flag between waits of at most a fifth of a second. A lost
+    // connection is opened again.
+    class PostgreSQLListener final : public Listener {
+    public:
+        PostgreSQLListener(std::string address, std::string channel, std::function<void(const std::string&)> received)
+            : address_(std::move(address)), channel_(std::move(channel)), received_(std::move(received)) {
+            thread_ = std::thread([this] { run(); });
+        }
+        ~PostgreSQLListener() override {
+            stopping_ = true;
+            thread_.join();
+        }
+
+    private:
+        void run() {
+            while (!stopping_) {
+                Connection connection(PQconnectdb(address_.c_str()));
+                if (!connection || PQstatus(connection.get()) != CONNECTION_OK) {
+                    std::this_thread::sleep_for(std::chrono::milliseconds(500));
+                    continue;
+                }
+                char* escaped = PQescapeIdentifier(connection.get(), channel_.c_str(), channel_.size());
+                const std::string statement = std::string("LISTEN ") + (escaped ? escaped : "");
+                PQfreemem(escaped);
+                Result listening(PQexec(connection.get(), statement.c_str()));
+                if (!listening || PQresultStatus(listening.get()) != PGRES_COMMAND_OK) continue;
+                while (!stopping_ && PQstatus(connection.get()) == CONNECTION_OK) {
+                    const int socket = PQsocket(connection.get());
+                    pollfd descriptor{socket, POLLIN, 0};
+                    if (::poll(&descriptor, 1, 200) < 0 && errno != EINTR) break;
+                    if (!PQconsumeInput(connection.get())) break;
+                    while (PGnotify* notification = PQnotifies(connection.get())) {
+                        const std::string payload = notification->extra ? notification->extra : "";
+                        PQfreemem(notification);
+                        received_(payload);
+                    }
+                }
+            }
+        }
+
+        const std::string address_;
+        const std::string channel_;
+        const std::function<void(const std::string&)> received_;
+        std::atomic<bool> stopping_ = false;
+        std::thread thread_;
+    };
+
     Connection connect() {
         Connection connection(PQconnectdb(address_.c_str()));
         if (!connection || PQstatus(connection.get()) != CONNECTION_OK) {

@@ -62,6 +62,27 @@ public:
     // "sqlite" or "postgresql".
     virtual std::string_view dialect() const = 0;
 
+    // Word to the other processes on the same database, for what they must
+    // hear at once (pushes). A database that is never shared (SQLite) has
+    // none: notify does nothing and listen returns null.
+    class Listener {
+    public:
+        virtual ~Listener() = default;
+    };
+    virtual void notify(const std::string& channel, const std::string& payload) {
+        (void)channel;
+        (void)payload;
+    }
+    // Calls `received` on a thread of the listener's own for every payload
+    // notified on `channel` (by any process, this one included) until the
+    // listener is destroyed.
+    virtual std::unique_ptr<Listener> listen(const std::string& channel,
+                                             std::function<void(const std::string& payload)> received) {
+        (void)channel;
+        (void)received;
+        return nullptr;
+    }
+
     // "sqlite:PATH" (":memory:" for a database of this process only) or a
     // "postgresql://…" connection address. Creates the tables when missing.
     // Throws SQLError when it cannot be opened.
