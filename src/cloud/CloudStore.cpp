@@ -142,8 +142,9 @@ std::optional<StoredRecord> loadRecord(SQLConnection& sql, const std::string& sc
     return recordFromRow(*row);
 }
 
+// `fields` is the record's fields as JSON (ignored for a deleted marker).
 void storeRecord(SQLConnection& sql, const std::string& scope, const std::string& zone, const StoredRecord& record,
-                 std::int64_t number) {
+                 std::int64_t number, const std::string& fields) {
     sql.execute(
         "INSERT INTO records(scope, zone, name, type, tag, seq, deleted, fields, created_ms, created_by, "
         "modified_ms, modified_by) VALUES(?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8, ?9, ?10, ?11, ?12) "
@@ -151,7 +152,7 @@ void storeRecord(SQLConnection& sql, const std::string& scope, const std::string
         "deleted = excluded.deleted, fields = excluded.fields, created_ms = excluded.created_ms, "
         "created_by = excluded.created_by, modified_ms = excluded.modified_ms, modified_by = excluded.modified_by",
         {scope, zone, record.recordName, record.recordType, record.changeTag, number,
-         std::int64_t{record.deleted ? 1 : 0}, record.deleted ? std::string("{}") : fieldsJSON(record.fields),
+         std::int64_t{record.deleted ? 1 : 0}, record.deleted ? std::string("{}") : fields,
          record.createdMilliseconds, record.createdBy, record.modifiedMilliseconds, record.modifiedBy});
 }
 
@@ -338,7 +339,7 @@ std::expected<std::vector<RecordResult>, ServerError> CloudStore::modifyRecords(
                         marker.changeTag = changeTag(zoneRow->instance, ++number);
                         marker.modifiedMilliseconds = now;
                         marker.modifiedBy = user.userRecordName;
-                        storeRecord(sql, key, zone, marker, number);
+                        storeRecord(sql, key, zone, marker, number, "{}");
                         result.record = std::move(marker);
                     } else {
                         // Deleting what is gone already is done: no new change.
@@ -365,14 +366,15 @@ std::expected<std::vector<RecordResult>, ServerError> CloudStore::modifyRecords(
                     } else {
                         record.fields = operation.fields;
                     }
-                    if (fieldsJSON(record.fields).size() > platform::ckwire::maximumRecordSize) {
+                    const std::string json = fieldsJSON(record.fields);
+                    if (json.size() > platform::ckwire::maximumRecordSize) {
                         fail(ServerErrorCode::limitExceeded, "the record is larger than 1 MB");
                     } else {
                         record.deleted = false;
                         record.changeTag = changeTag(zoneRow->instance, ++number);
                         record.modifiedMilliseconds = now;
                         record.modifiedBy = user.userRecordName;
-                        storeRecord(sql, key, zone, record, number);
+                        storeRecord(sql, key, zone, record, number, json);
                         result.record = std::move(record);
                     }
                 }

@@ -2,7 +2,9 @@
 #include <sqlite3.h>
 
 #include <charconv>
+#include <memory>
 #include <mutex>
+#include <unordered_map>
 
 #include "cloud/SQLDatabase.h"
 
@@ -23,9 +25,11 @@ bool isBusy(const SQLite::Exception& error) {
     return code == SQLITE_BUSY || code == SQLITE_LOCKED;
 }
 
+using StatementCache = std::unordered_map<std::string, std::unique_ptr<SQLite::Statement>>;
+
 class SQLiteConnection final : public SQLConnection {
 public:
-    explicit SQLiteConnection(SQLite::Database& database) : database_(database) {}
+    SQLiteConnection(SQLite::Database& database, StatementCache& cache) : database_(database), cache_(cache) {}
 
     void execute(std::string_view sql, const SQLParameters& parameters) override { run(sql, parameters, nullptr); }
 
@@ -38,13 +42,28 @@ public:
 private:
     void run(std::string_view sql, const SQLParameters& parameters, std::vector<SQLRow>* rows) {
         try {
-            SQLite::Statement statement(database_, std::string(sql));
+            // Prepared once, kept for the next time: the store asks the same
+            // few statements over and over.
+            auto& cached = cache_[std::string(sql)];
+            if (!cached) cached = std::make_unique<SQLite::Statement>(database_, std::string(sql));
+            SQLite::Statement& statement = *cached;
+            struct Reset {
+                SQLite::Statement& statement;
+                ~Reset() {
+                    try {
+                        statement.reset();
+                        statement.clearBindings();
+                    } catch (const SQLite::Exception&) {
+                        // reset() repeats the last step's error, already reported.
+                    }
+                }
+            } reset{statement};
             for (std::size_t i = 0; i < parameters.size(); ++i) {
                 const int index = static_cast<int>(i + 1);
                 if (const auto* integer = std::get_if<std::int64_t>(&parameters[i])) {
                     statement.bind(index, *integer);
                 } else if (const auto* text = std::get_if<std::string>(&parameters[i])) {
-                    statement.bindNoCopy(index, *text);
+                    statement.bind(index, *text);
                 } else {
                     statement.bind(index);
                 }
@@ -71,6 +90,7 @@ private:
     }
 
     SQLite::Database& database_;
+    StatementCache& cache_;
 };
 
 // One connection for the whole server: SQLite lets one writer in at a time
@@ -95,7 +115,7 @@ public:
             if (isBusy(error)) throw SQLBusy(error.what());
             throw SQLError(error.what());
         }
-        SQLiteConnection connection(database_);
+        SQLiteConnection connection(database_, cache_);
         try {
             body(connection);
             database_.exec("COMMIT");
@@ -114,6 +134,7 @@ public:
 private:
     std::mutex mutex_;
     SQLite::Database database_;
+    StatementCache cache_;  // destroyed before the database
 };
 
 }  // namespace
