@@ -3,6 +3,7 @@
 #include <openssl/evp.h>
 
 #include <algorithm>
+#include <map>
 #include <chrono>
 #include <random>
 
@@ -142,18 +143,69 @@ std::optional<StoredRecord> loadRecord(SQLConnection& sql, const std::string& sc
     return recordFromRow(*row);
 }
 
-// `fields` is the record's fields as JSON (ignored for a deleted marker).
-void storeRecord(SQLConnection& sql, const std::string& scope, const std::string& zone, const StoredRecord& record,
-                 std::int64_t number, const std::string& fields) {
-    sql.execute(
-        "INSERT INTO records(scope, zone, name, type, tag, seq, deleted, fields, created_ms, created_by, "
-        "modified_ms, modified_by) VALUES(?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8, ?9, ?10, ?11, ?12) "
-        "ON CONFLICT(scope, zone, name) DO UPDATE SET type = excluded.type, tag = excluded.tag, seq = excluded.seq, "
-        "deleted = excluded.deleted, fields = excluded.fields, created_ms = excluded.created_ms, "
-        "created_by = excluded.created_by, modified_ms = excluded.modified_ms, modified_by = excluded.modified_by",
-        {scope, zone, record.recordName, record.recordType, record.changeTag, number,
-         std::int64_t{record.deleted ? 1 : 0}, record.deleted ? std::string("{}") : fields,
-         record.createdMilliseconds, record.createdBy, record.modifiedMilliseconds, record.modifiedBy});
+// The records of these names that the zone holds (live or deleted), in few
+// statements: a round trip to PostgreSQL costs more than the work.
+std::map<std::string, StoredRecord> loadRecords(SQLConnection& sql, const std::string& scope, const std::string& zone,
+                                                const std::vector<std::string>& names) {
+    std::map<std::string, StoredRecord> records;
+    constexpr std::size_t chunk = 200;
+    for (std::size_t first = 0; first < names.size(); first += chunk) {
+        const std::size_t count = std::min(chunk, names.size() - first);
+        std::string placeholders;
+        SQLParameters parameters{scope, zone};
+        for (std::size_t i = 0; i < count; ++i) {
+            placeholders += fmt::format("{}?{}", i ? ", " : "", i + 3);
+            parameters.emplace_back(names[first + i]);
+        }
+        for (const auto& row : sql.query(fmt::format("SELECT {} FROM records WHERE scope = ?1 AND zone = ?2 AND "
+                                                     "name IN ({})",
+                                                     recordColumns, placeholders),
+                                         parameters)) {
+            auto record = recordFromRow(row);
+            records.insert_or_assign(record.recordName, std::move(record));
+        }
+    }
+    return records;
+}
+
+struct PendingWrite {
+    StoredRecord record;
+    std::int64_t number = 0;
+    std::string fields;
+};
+
+// Several rows a statement; the names are distinct (one operation per record).
+void storeRecords(SQLConnection& sql, const std::string& scope, const std::string& zone,
+                  const std::vector<PendingWrite>& writes) {
+    constexpr std::size_t chunk = 100;
+    constexpr std::size_t columns = 12;
+    for (std::size_t first = 0; first < writes.size(); first += chunk) {
+        const std::size_t count = std::min(chunk, writes.size() - first);
+        std::string values;
+        SQLParameters parameters;
+        parameters.reserve(count * columns);
+        for (std::size_t i = 0; i < count; ++i) {
+            values += i ? ", (" : "(";
+            for (std::size_t c = 0; c < columns; ++c) values += fmt::format("{}?{}", c ? ", " : "", i * columns + c + 1);
+            values += ")";
+            const PendingWrite& write = writes[first + i];
+            const StoredRecord& record = write.record;
+            parameters.insert(parameters.end(),
+                              {scope, zone, record.recordName, record.recordType, record.changeTag, write.number,
+                               std::int64_t{record.deleted ? 1 : 0}, record.deleted ? std::string("{}") : write.fields,
+                               record.createdMilliseconds, record.createdBy, record.modifiedMilliseconds,
+                               record.modifiedBy});
+        }
+        sql.execute(fmt::format(
+                        "INSERT INTO records(scope, zone, name, type, tag, seq, deleted, fields, created_ms, created_by, "
+                        "modified_ms, modified_by) VALUES {} "
+                        "ON CONFLICT(scope, zone, name) DO UPDATE SET type = excluded.type, tag = excluded.tag, "
+                        "seq = excluded.seq, deleted = excluded.deleted, fields = excluded.fields, "
+                        "created_ms = excluded.created_ms, created_by = excluded.created_by, "
+                        "modified_ms = excluded.modified_ms, modified_by = excluded.modified_by",
+                        values),
+                    parameters);
+    }
 }
 
 // Thrown inside a transaction to roll it back and answer with the results
@@ -301,13 +353,18 @@ std::expected<std::vector<RecordResult>, ServerError> CloudStore::modifyRecords(
             std::int64_t number = zoneRow->changeNumber;
             const std::int64_t now = nowMilliseconds();
             std::set<std::string> seen;
+            std::vector<std::string> names;
+            for (const auto& operation : operations) names.push_back(operation.recordName);
+            const auto stored = loadRecords(sql, key, zone, names);
+            std::vector<PendingWrite> writes;
             for (const auto& operation : operations) {
                 RecordResult result{operation.recordName, {}, {}, {}};
                 auto fail = [&](ServerErrorCode code, std::string reason) {
                     result.error = error(code, std::move(reason));
                     failed = true;
                 };
-                auto existing = loadRecord(sql, key, zone, operation.recordName);
+                std::optional<StoredRecord> existing;
+                if (auto it = stored.find(operation.recordName); it != stored.end()) existing = it->second;
                 const bool live = existing && !existing->deleted;
                 const bool needsTag = operation.type == RecordOperationType::update ||
                                       operation.type == RecordOperationType::replace ||
@@ -339,7 +396,7 @@ std::expected<std::vector<RecordResult>, ServerError> CloudStore::modifyRecords(
                         marker.changeTag = changeTag(zoneRow->instance, ++number);
                         marker.modifiedMilliseconds = now;
                         marker.modifiedBy = user.userRecordName;
-                        storeRecord(sql, key, zone, marker, number, "{}");
+                        writes.push_back({marker, number, "{}"});
                         result.record = std::move(marker);
                     } else {
                         // Deleting what is gone already is done: no new change.
@@ -366,7 +423,7 @@ std::expected<std::vector<RecordResult>, ServerError> CloudStore::modifyRecords(
                     } else {
                         record.fields = operation.fields;
                     }
-                    const std::string json = fieldsJSON(record.fields);
+                    std::string json = fieldsJSON(record.fields);
                     if (json.size() > platform::ckwire::maximumRecordSize) {
                         fail(ServerErrorCode::limitExceeded, "the record is larger than 1 MB");
                     } else {
@@ -374,13 +431,14 @@ std::expected<std::vector<RecordResult>, ServerError> CloudStore::modifyRecords(
                         record.changeTag = changeTag(zoneRow->instance, ++number);
                         record.modifiedMilliseconds = now;
                         record.modifiedBy = user.userRecordName;
-                        storeRecord(sql, key, zone, record, number, json);
+                        writes.push_back({record, number, std::move(json)});
                         result.record = std::move(record);
                     }
                 }
                 results.push_back(std::move(result));
             }
             if (failed && atomic) throw RollBack{};
+            storeRecords(sql, key, zone, writes);
             if (number != zoneRow->changeNumber) {
                 sql.execute("UPDATE zones SET change_seq = ?3 WHERE scope = ?1 AND zone = ?2", {key, zone, number});
             }
