@@ -104,4 +104,69 @@ kill "$SERVER_PID" 2>/dev/null
 wait "$SERVER_PID" 2>/dev/null
 SERVER_PID=""
 
+begin "killed while writing, the database stays whole"
+"$TAMSEL" --home "$WORK/server-home" cloud-server --listen 127.0.0.1:0 --database "$DB" >"$WORK/server.out" 2>&1 &
+SERVER_PID=$!
+for _ in $(seq 1 300); do
+    URL=$(sed -n '1s/^listening on \(http:\/\/127\.0\.0\.1:[0-9]*\)$/\1/p' "$WORK/server.out"); [ -n "$URL" ] && break; sleep 0.1
+done
+ops=""
+for i in $(seq 1 300); do ops="$ops${ops:+,}{\"operationType\":\"create\",\"record\":{\"recordName\":\"r$i\",\"recordType\":\"rule\",\"fields\":{\"name\":{\"value\":\"$i\",\"type\":\"STRING\"}}}}"; done
+echo "{\"operations\":[$ops]}" >"$WORK/batch.json"
+(for b in $(seq 1 30); do
+    sed "s/\"r\([0-9]*\)\"/\"b$b-r\1\"/g" "$WORK/batch.json" |
+        curl -s -o /dev/null -H "Authorization: Bearer $ROOT" -H 'Content-Type: application/json' --data-binary @- \
+            "$URL/database/1/C/development/private/records/modify"
+done) &
+writer=$!
+sleep 0.5
+kill -9 "$SERVER_PID"
+wait "$SERVER_PID" 2>/dev/null
+wait "$writer" 2>/dev/null
+"$TAMSEL" --home "$WORK/server-home" cloud-server --listen 127.0.0.1:0 --database "$DB" >"$WORK/server.out" 2>&1 &
+SERVER_PID=$!
+URL=""
+for _ in $(seq 1 300); do
+    URL=$(sed -n '1s/^listening on \(http:\/\/127\.0\.0\.1:[0-9]*\)$/\1/p' "$WORK/server.out"); [ -n "$URL" ] && break; sleep 0.1
+done
+[ -n "$URL" ] || problem "the server did not start again on the database"
+# Whole batches only: the number of records is a multiple of 300.
+total=0
+token=""
+while :; do
+    body='{"zones":[{"zoneID":{"zoneName":"_defaultZone"}'${token:+,\"syncToken\":\"$token\"}'}]}'
+    answer=$(curl -s -H "Authorization: Bearer $ROOT" -H 'Content-Type: application/json' -d "$body" \
+        "$URL/database/1/C/development/private/changes/zone")
+    total=$((total + $(grep -o '"recordChangeTag"' <<<"$answer" | wc -l)))
+    token=$(grep -o '"syncToken":"[^"]*"' <<<"$answer" | cut -d'"' -f4)
+    [ -n "$token" ] || { problem "no changes answer: $answer"; break; }
+    grep -q '"moreComing":true' <<<"$answer" || break
+done
+[ $((total % 300)) -eq 0 ] || problem "$total records: a batch was cut in half"
+echo "    (after the kill: $total records, in whole batches)"
+kill "$SERVER_PID" 2>/dev/null
+wait "$SERVER_PID" 2>/dev/null
+SERVER_PID=""
+finish
+
+if command -v openssl >/dev/null; then
+    begin "with a certificate and key it serves https"
+    openssl req -x509 -newkey rsa:2048 -nodes -keyout "$WORK/key.pem" -out "$WORK/cert.pem" -days 1 \
+        -subj /CN=127.0.0.1 >/dev/null 2>&1
+    "$TAMSEL" --home "$WORK/server-home" cloud-server --listen 127.0.0.1:0 --database "$DB" \
+        --tls-cert "$WORK/cert.pem" --tls-key "$WORK/key.pem" >"$WORK/server.out" 2>&1 &
+    SERVER_PID=$!
+    URL=""
+    for _ in $(seq 1 300); do
+        URL=$(sed -n '1s/^listening on \(https:\/\/127\.0\.0\.1:[0-9]*\)$/\1/p' "$WORK/server.out"); [ -n "$URL" ] && break; sleep 0.1
+    done
+    [ -n "$URL" ] || problem "no https address: $(cat "$WORK/server.out")"
+    curl -sk -H "Authorization: Bearer $ROOT" "$URL/database/1/C/development/private/users/current" | grep -q userRecordName ||
+        problem "users/current over https failed"
+    kill "$SERVER_PID" 2>/dev/null
+    wait "$SERVER_PID" 2>/dev/null
+    SERVER_PID=""
+    finish
+fi
+
 harness_summary
