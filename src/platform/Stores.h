@@ -46,10 +46,12 @@ class UbiquitousStore : public Store {
 public:
     static inline const std::string suiteName = "ubiquitous";
 
-    // Posted on NotificationCenter::defaultCenter() when another process has
-    // changed keys, with object = nothing and userInfo
+    // Posted on NotificationCenter::defaultCenter() when another process (or
+    // the cloud) has changed keys, with object = nothing and userInfo
     //   changedKeysKey  → std::vector<std::string>, the changed keys
-    //   changeReasonKey → std::int64_t, a ChangeReason (always serverChange).
+    //   changeReasonKey → std::int64_t, a ChangeReason: serverChange for
+    //   another process's writes; the cloud sync (UbiquitousStoreSync) also
+    //   posts initialSyncChange, quotaViolationChange and accountChange.
     static inline const std::string didChangeExternallyNotification =
         "NSUbiquitousKeyValueStoreDidChangeExternallyNotification";
     static inline const std::string changedKeysKey = "NSUbiquitousKeyValueStoreChangedKeysKey";
