@@ -95,7 +95,10 @@ UbiquitousStore::UbiquitousStore(std::shared_ptr<UserDefaults> backing) : backin
     });
 }
 
-UbiquitousStore::~UbiquitousStore() = default;
+UbiquitousStore::~UbiquitousStore() {
+    // Before the backing goes: what waits to be sent is sent now.
+    if (auto attached = sync()) attached->shutdown();
+}
 
 std::optional<Value> UbiquitousStore::value(const std::string& key) const { return backing_->value(key); }
 
@@ -122,6 +125,17 @@ std::shared_ptr<UbiquitousStoreSync> UbiquitousStore::sync() const {
 }
 
 Dictionary UbiquitousStore::dictionaryRepresentation() const { return backing_->dictionaryRepresentation(); }
+
+void finishSharedStoreSync() {
+    std::shared_ptr<UbiquitousStore> store;
+    {
+        auto& stores = opened();
+        std::lock_guard lock(stores.mutex);
+        store = stores.ubiquitous;
+    }
+    if (!store) return;
+    if (auto attached = store->sync()) attached->shutdown();
+}
 
 void resetSharedStoresForTesting() {
     OpenedStores released;

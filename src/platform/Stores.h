@@ -96,6 +96,10 @@ private:
     ObservationToken externalChanges_;
 };
 
+// For the end of a program, before its static objects go: the shared
+// ubiquitous store's sync (when it has one) sends what waits and stops.
+void finishSharedStoreSync();
+
 // Forgets the opened stores; the next standard()/shared() opens them again
 // under the current data root. Holders of the old objects keep them alive.
 void resetSharedStoresForTesting();

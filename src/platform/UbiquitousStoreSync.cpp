@@ -40,7 +40,22 @@ UbiquitousStoreSync::UbiquitousStoreSync(std::shared_ptr<UserDefaults> store, st
       clock_(clock ? std::move(clock) : Clock(systemMilliseconds)),
       queue_("UbiquitousStoreSync", DispatchQueue::Kind::serial, QualityOfService::utility) {}
 
-UbiquitousStoreSync::~UbiquitousStoreSync() { stop(); }
+UbiquitousStoreSync::~UbiquitousStoreSync() { shutdown(); }
+
+void UbiquitousStoreSync::shutdown() {
+    stop();
+    {
+        std::unique_lock lock(scheduleMutex_);
+        if (closed_) return;
+        closed_ = true;
+        idle_.wait(lock, [this] { return inFlight_ == 0; });
+    }
+    if (!pendingKeys().empty() && transport_->account()) {
+        if (auto error = synchronizeNow()) {
+            logger().error("Key-value store changes wait for the next start: %s", error->localizedDescription().c_str());
+        }
+    }
+}
 
 void UbiquitousStoreSync::noteLocalChange(const std::string& key) {
     state_->set(Value(clock_()), pendingPrefix + key);
@@ -55,20 +70,38 @@ std::vector<std::string> UbiquitousStoreSync::pendingKeys() const {
 }
 
 void UbiquitousStoreSync::scheduleSynchronization() {
-    if (scheduled_.exchange(true)) return;
-    std::weak_ptr<UbiquitousStoreSync> weak = weak_from_this();
-    queue_.async([weak] {
-        auto self = weak.lock();
-        if (!self) return;
-        self->scheduled_ = false;
-        if (auto error = self->synchronizeNow(); error && error->code != CKError::Code::notAuthenticated) {
-            logger().error("Key-value store synchronisation failed: %s", error->localizedDescription().c_str());
+    {
+        std::lock_guard lock(scheduleMutex_);
+        if (closed_ || scheduled_) return;
+        scheduled_ = true;
+        ++inFlight_;
+    }
+    queue_.async([this] {
+        bool closed = false;
+        {
+            std::lock_guard lock(scheduleMutex_);
+            scheduled_ = false;
+            closed = closed_;
         }
+        if (!closed) {
+            if (auto error = synchronizeNow(); error && error->code != CKError::Code::notAuthenticated) {
+                logger().error("Key-value store synchronisation failed: %s", error->localizedDescription().c_str());
+            }
+        }
+        // The last touch of `this`: notified under the lock, so that the
+        // waiting destructor cannot go on before it is done.
+        std::lock_guard lock(scheduleMutex_);
+        --inFlight_;
+        idle_.notify_all();
     });
 }
 
 void UbiquitousStoreSync::start() {
     if (push_) return;
+    {
+        std::lock_guard lock(scheduleMutex_);
+        if (closed_) return;
+    }
     std::weak_ptr<UbiquitousStoreSync> weak = weak_from_this();
     push_ = std::make_unique<CKPushConnection>(transport_, [weak](const std::string& kind, const std::string&) {
         if (kind != "keyValueChanged") return;

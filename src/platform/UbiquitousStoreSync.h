@@ -1,6 +1,7 @@
 #pragma once
 
 #include <atomic>
+#include <condition_variable>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -56,6 +57,12 @@ public:
     void start();
     void stop();
 
+    // For the end of the process: stops listening, takes no more work, waits
+    // for a synchronisation under way, and sends what still waits (one try),
+    // so that a short-lived program's writes leave with it. The destructor
+    // does it too.
+    void shutdown();
+
     // Keys waiting to be sent.
     std::vector<std::string> pendingKeys() const;
 
@@ -74,9 +81,16 @@ private:
     std::shared_ptr<CKTransport> transport_;
     Clock clock_;
     std::mutex mutex_;  // one synchronisation at a time
-    DispatchQueue queue_;
-    std::atomic<bool> scheduled_ = false;
+    // Scheduled work: whether one is queued, how many are queued or running,
+    // and whether shutdown() has begun. The queued block uses `this`; the
+    // destructor waits until none is left.
+    std::mutex scheduleMutex_;
+    std::condition_variable idle_;
+    bool scheduled_ = false;
+    int inFlight_ = 0;
+    bool closed_ = false;
     std::unique_ptr<CKPushConnection> push_;
+    DispatchQueue queue_;
 };
 
 }  // namespace tamsel::platform

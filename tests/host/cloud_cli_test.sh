@@ -67,6 +67,15 @@ expect_stdout "Signed in to $URL as alice"
 [ "$(stat -c %a "$DATA/cloud/account.json")" = 600 ] || problem "the account file is readable by others"
 tamsel cloud status --json
 expect_stdout "{\"server\":\"$URL\",\"user\":\"alice\",\"accountStatus\":\"available\"}"
+# Signed in, the iCloud key-value store's writes leave with the program.
+tamsel defaults write --store ubiquitous greeting -string hello
+expect_status 0
+curl -s -H "Authorization: Bearer $ALICE" -d '{}' \
+    "$URL/database/1/iCloud.app.tamsel.Tamsel/development/private/kvs/changes" | grep -q '"key":"greeting"' ||
+    problem "the key-value write did not reach the server"
+tamsel defaults read --store ubiquitous greeting
+expect_status 0
+expect_stdout 'hello'
 server revoke-token alice --database "$DB"
 expect_status 0
 tamsel cloud status
