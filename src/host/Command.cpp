@@ -6,6 +6,7 @@
 #include "platform/BuildConfig.h"
 #include "platform/DataRoot.h"
 #include "platform/Log.h"
+#include "platform/Stores.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -93,6 +94,8 @@ int CommandLine::run(int argc, const char* const* argv) {
     // A command's saves may have queued rebuilds and reloads; they finish
     // before the program does.
     if (!finishPendingExtensionWork()) return reportFailure("extension reloads did not finish in time");
+    // Key-value store writes go to the cloud before the program ends.
+    platform::finishSharedStoreSync();
     return status;
 }
 

@@ -3,6 +3,9 @@
 #include <mutex>
 
 #include "platform/BuildConfig.h"
+#include "platform/CKContainer.h"
+#include "platform/CloudAccount.h"
+#include "platform/UbiquitousStoreSync.h"
 #include "platform/DataRoot.h"
 #include "platform/Log.h"
 #include "platform/NotificationCenter.h"
@@ -67,6 +70,16 @@ std::shared_ptr<UbiquitousStore> UbiquitousStore::shared() {
     if (!stores.ubiquitous) {
         stores.ubiquitous =
             std::make_shared<UbiquitousStore>(openOrKeepInMemory(DataRoot::cloudDirectory(), suiteName));
+        auto account = CloudAccount::load();
+        if (account && *account) {
+            CKTransport::Configuration configuration;
+            configuration.containerIdentifier = std::string("iCloud.") + build::baseIdentifier;
+            auto sync = std::make_shared<UbiquitousStoreSync>(
+                stores.ubiquitous->backing(), openOrKeepInMemory(DataRoot::cloudDirectory(), "ubiquitous-sync"),
+                std::make_shared<CKTransport>(std::move(configuration)));
+            stores.ubiquitous->attachSync(sync);
+            sync->start();
+        }
     }
     return stores.ubiquitous;
 }
@@ -82,13 +95,47 @@ UbiquitousStore::UbiquitousStore(std::shared_ptr<UserDefaults> backing) : backin
     });
 }
 
-UbiquitousStore::~UbiquitousStore() = default;
+UbiquitousStore::~UbiquitousStore() {
+    // Before the backing goes: what waits to be sent is sent now.
+    if (auto attached = sync()) attached->shutdown();
+}
 
 std::optional<Value> UbiquitousStore::value(const std::string& key) const { return backing_->value(key); }
 
-void UbiquitousStore::set(std::optional<Value> value, const std::string& key) { backing_->set(std::move(value), key); }
+void UbiquitousStore::set(std::optional<Value> value, const std::string& key) {
+    backing_->set(std::move(value), key);
+    if (auto attached = sync()) {
+        attached->noteLocalChange(key);
+        attached->scheduleSynchronization();
+    }
+}
+
+void UbiquitousStore::synchronize() {
+    if (auto attached = sync()) attached->scheduleSynchronization();
+}
+
+void UbiquitousStore::attachSync(std::shared_ptr<UbiquitousStoreSync> sync) {
+    std::lock_guard lock(syncMutex_);
+    sync_ = std::move(sync);
+}
+
+std::shared_ptr<UbiquitousStoreSync> UbiquitousStore::sync() const {
+    std::lock_guard lock(syncMutex_);
+    return sync_;
+}
 
 Dictionary UbiquitousStore::dictionaryRepresentation() const { return backing_->dictionaryRepresentation(); }
+
+void finishSharedStoreSync() {
+    std::shared_ptr<UbiquitousStore> store;
+    {
+        auto& stores = opened();
+        std::lock_guard lock(stores.mutex);
+        store = stores.ubiquitous;
+    }
+    if (!store) return;
+    if (auto attached = store->sync()) attached->shutdown();
+}
 
 void resetSharedStoresForTesting() {
     OpenedStores released;

@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
 
@@ -39,14 +40,18 @@ struct SharedDefaults {
     static std::shared_ptr<UserDefaults> shared();
 };
 
+class UbiquitousStoreSync;
+
 class UbiquitousStore : public Store {
 public:
     static inline const std::string suiteName = "ubiquitous";
 
-    // Posted on NotificationCenter::defaultCenter() when another process has
-    // changed keys, with object = nothing and userInfo
+    // Posted on NotificationCenter::defaultCenter() when another process (or
+    // the cloud) has changed keys, with object = nothing and userInfo
     //   changedKeysKey  → std::vector<std::string>, the changed keys
-    //   changeReasonKey → std::int64_t, a ChangeReason (always serverChange).
+    //   changeReasonKey → std::int64_t, a ChangeReason: serverChange for
+    //   another process's writes; the cloud sync (UbiquitousStoreSync) also
+    //   posts initialSyncChange, quotaViolationChange and accountChange.
     static inline const std::string didChangeExternallyNotification =
         "NSUbiquitousKeyValueStoreDidChangeExternallyNotification";
     static inline const std::string changedKeysKey = "NSUbiquitousKeyValueStoreChangedKeysKey";
@@ -59,7 +64,10 @@ public:
         accountChange = 3,
     };
 
-    // Never null; falls back to memory like Defaults::standard().
+    // Never null; falls back to memory like Defaults::standard(). When a
+    // cloud account is configured (CloudAccount) the shared store also syncs
+    // through the cloud server (UbiquitousStoreSync); without one it stays
+    // local and sends nothing.
     static std::shared_ptr<UbiquitousStore> shared();
 
     // A store over the given suite; the notification is posted for changes
@@ -69,16 +77,28 @@ public:
 
     std::optional<Value> value(const std::string& key) const override;
     void set(std::optional<Value> value, const std::string& key) override;
-    // Everything is persisted on set; nothing to push.
-    void synchronize() override {}
+    // Everything is persisted on set; with a sync attached, this asks it to
+    // send and read soon.
+    void synchronize() override;
     Dictionary dictionaryRepresentation() const override;
 
     const std::shared_ptr<UserDefaults>& backing() const { return backing_; }
 
+    // From now on keys set here are sent through `sync`, which must work on
+    // this store's backing.
+    void attachSync(std::shared_ptr<UbiquitousStoreSync> sync);
+    std::shared_ptr<UbiquitousStoreSync> sync() const;
+
 private:
     std::shared_ptr<UserDefaults> backing_;
+    mutable std::mutex syncMutex_;
+    std::shared_ptr<UbiquitousStoreSync> sync_;
     ObservationToken externalChanges_;
 };
+
+// For the end of a program, before its static objects go: the shared
+// ubiquitous store's sync (when it has one) sends what waits and stops.
+void finishSharedStoreSync();
 
 // Forgets the opened stores; the next standard()/shared() opens them again
 // under the current data root. Holders of the old objects keep them alive.

@@ -14,7 +14,8 @@
 #include "platform/Log.h"
 #include "settings/App.h"
 #include "updates/BackgroundDownloadManager.h"
-#include "updates/HTTPClient.h"
+#include "platform/HTTPClient.h"
+#include "updates/UpdateError.h"
 
 namespace tamsel::updates {
 namespace {
@@ -141,7 +142,7 @@ Downloader::DownloadResult fetchIntoPlace(const std::string& url, const std::fil
     request.totalTimeout = Downloader::totalTimeout();
     auto response = HTTPClient::perform(request, [&file](std::string_view chunk) { return file.write(chunk); });
     if (!response) {
-        Error error = std::move(response.error());
+        Error error = updateError(std::move(response.error()));
         if (error.code == ErrorCode::fileSystem) {
             error.description = errnoText(file.lastError());
             logger().error("Error writing file %s: %s", destination.c_str(), error.description.c_str());

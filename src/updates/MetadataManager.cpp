@@ -2,7 +2,8 @@
 
 #include "platform/Log.h"
 #include "updates/Downloader.h"
-#include "updates/HTTPClient.h"
+#include "platform/HTTPClient.h"
+#include "updates/UpdateError.h"
 
 namespace tamsel::updates {
 namespace {
@@ -27,7 +28,7 @@ std::expected<MetadataManifest, Error> MetadataManager::fetchManifest(const std:
         },
         &response);
 
-    if (!result && result.error().code == ErrorCode::fileSystem) {
+    if (!result && result.error().code == platform::HTTPError::Code::receiverRefused) {
         // Refused by the receiver above: too much to be a manifest.
         const std::string reason = "The manifest is larger than " + std::to_string(maximumManifestSize) + " bytes";
         logger().error("Metadata manifest parsing failed. Error: %s", reason.c_str());
@@ -35,7 +36,7 @@ std::expected<MetadataManifest, Error> MetadataManager::fetchManifest(const std:
     }
     std::optional<Error> failure;
     if (!result) {
-        failure = std::move(result.error());
+        failure = updateError(std::move(result.error()));
     } else if (result->status >= 400) {
         failure = Error{ErrorCode::httpStatus, "The server answered with status " + std::to_string(result->status),
                         result->status, std::nullopt};

@@ -6,6 +6,7 @@
 #include <string_view>
 
 #include "model/RawRepresentable.h"
+#include "platform/HTTPClient.h"
 #include "storage/ReloadingResult.h"
 
 // Why fetching, unpacking or installing a rule archive failed. One value type
@@ -64,6 +65,26 @@ struct Error {
 
     friend bool operator==(const Error&, const Error&) = default;
 };
+
+// The update code's view of an HTTP client failure: no usable reply is a
+// transport error, a body over the limit is downloadTooLarge, and a receiver
+// that could not keep the data is a fileSystem error.
+inline Error updateError(platform::HTTPError error) {
+    using Code = platform::HTTPError::Code;
+    switch (error.code) {
+        case Code::tooLarge: return Error::make(ErrorCode::downloadTooLarge, std::move(error.description));
+        case Code::receiverRefused: return Error::make(ErrorCode::fileSystem, std::move(error.description));
+        case Code::transport:
+        case Code::cancelled: break;
+    }
+    return Error::make(ErrorCode::transport, std::move(error.description));
+}
+
+// Using the platform's client from the update code.
+using platform::HTTPClient;
+using platform::HTTPRequest;
+using platform::HTTPResponse;
+using platform::HTTPHeaders;
 
 }  // namespace tamsel::updates
 

@@ -8,7 +8,8 @@
 #include "platform/NotificationCenter.h"
 #include "platform/Stores.h"
 #include "updates/Downloader.h"
-#include "updates/HTTPClient.h"
+#include "platform/HTTPClient.h"
+#include "updates/UpdateError.h"
 #include "updates/RuleArchive.h"
 #include "updates/UpdateSettings.h"
 

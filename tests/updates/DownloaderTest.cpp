@@ -1,6 +1,7 @@
 #include "UpdatesFixture.h"
 #include "updates/BackgroundDownloadManager.h"
-#include "updates/HTTPClient.h"
+#include "platform/HTTPClient.h"
+#include "updates/UpdateError.h"
 #include "updates/VersionDateFormatter.h"
 
 namespace tamsel::updates::testing {

@@ -21,7 +21,8 @@
 #include "support/TestSupport.h"
 #include "updates/Downloader.h"
 #include "updates/FilterServer.h"
-#include "updates/HTTPClient.h"
+#include "platform/HTTPClient.h"
+#include "updates/UpdateError.h"
 #include "updates/RuleArchive.h"
 #include "updates/UpdateManager.h"
 

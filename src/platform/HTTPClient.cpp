@@ -1,4 +1,4 @@
-#include "updates/HTTPClient.h"
+#include "platform/HTTPClient.h"
 #include "platform/Text.h"
 
 #include <curl/curl.h>
@@ -8,7 +8,7 @@
 #include <memory>
 #include <mutex>
 
-namespace tamsel::updates {
+namespace tamsel::platform {
 namespace {
 
 // curl_global_init is not safe to race with other threads' first requests.
@@ -17,7 +17,6 @@ void initialiseCurlOnce() {
     std::call_once(once, [] { curl_global_init(CURL_GLOBAL_DEFAULT); });
 }
 
-using platform::trimmed;
 
 std::mutex timeSourceMutex;
 HTTPClient::TimeSource installedTimeSource;
@@ -37,6 +36,7 @@ struct Transfer {
     bool tooLarge = false;
     std::uint64_t received = 0;
     bool stalled = false;
+    bool wasCancelled = false;
     curl_off_t lastReceived = -1;
     std::chrono::steady_clock::time_point lastActivity = now();
     double lastFraction = -1;
@@ -77,6 +77,10 @@ size_t onBody(char* data, size_t size, size_t count, void* context) {
 
 int onProgress(void* context, curl_off_t downloadTotal, curl_off_t downloaded, curl_off_t, curl_off_t) {
     auto* transfer = static_cast<Transfer*>(context);
+    if (transfer->request->isCancelled && transfer->request->isCancelled()) {
+        transfer->wasCancelled = true;
+        return 1;  // aborts the transfer
+    }
     const auto now = transfer->now();
     if (downloaded != transfer->lastReceived) {
         transfer->lastReceived = downloaded;
@@ -103,7 +107,7 @@ struct CurlDeleter {
 
 bool CaseInsensitiveLess::operator()(std::string_view a, std::string_view b) const {
     return std::lexicographical_compare(a.begin(), a.end(), b.begin(), b.end(), [](char x, char y) {
-        return platform::asciiLower(x) < platform::asciiLower(y);
+        return asciiLower(x) < asciiLower(y);
     });
 }
 
@@ -121,11 +125,11 @@ std::string HTTPResponse::description() const {
     return text;
 }
 
-std::expected<HTTPResponse, Error> HTTPClient::perform(const HTTPRequest& request, const BodyReceiver& receiver,
+std::expected<HTTPResponse, HTTPError> HTTPClient::perform(const HTTPRequest& request, const BodyReceiver& receiver,
                                                        HTTPResponse* partialResponse) {
     initialiseCurlOnce();
     std::unique_ptr<CURL, CurlDeleter> handle(curl_easy_init());
-    if (!handle) return std::unexpected(Error::make(ErrorCode::transport, "could not create an HTTP request"));
+    if (!handle) return std::unexpected(HTTPError::make(HTTPError::Code::transport, "could not create an HTTP request"));
 
     Transfer transfer;
     transfer.request = &request;
@@ -150,9 +154,33 @@ std::expected<HTTPResponse, Error> HTTPClient::perform(const HTTPRequest& reques
     curl_easy_setopt(curl, CURLOPT_XFERINFOFUNCTION, onProgress);
     curl_easy_setopt(curl, CURLOPT_XFERINFODATA, &transfer);
     if (request.method == HTTPRequest::Method::head) curl_easy_setopt(curl, CURLOPT_NOBODY, 1L);
+    if (request.method == HTTPRequest::Method::post) {
+        curl_easy_setopt(curl, CURLOPT_POST, 1L);
+        curl_easy_setopt(curl, CURLOPT_POSTFIELDS, request.body.data());
+        curl_easy_setopt(curl, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(request.body.size()));
+    }
+    std::unique_ptr<curl_slist, decltype(&curl_slist_free_all)> headerList(nullptr, curl_slist_free_all);
+    for (const auto& [name, value] : request.headers) {
+        const std::string line = name + ": " + value;
+        curl_slist* extended = curl_slist_append(headerList.get(), line.c_str());
+        if (!extended) return std::unexpected(HTTPError::make(HTTPError::Code::transport, "could not add a header"));
+        (void)headerList.release();
+        headerList.reset(extended);
+    }
+    // A post must not wait for "100 Continue".
+    if (request.method == HTTPRequest::Method::post) {
+        curl_slist* extended = curl_slist_append(headerList.get(), "Expect:");
+        if (extended) {
+            (void)headerList.release();
+            headerList.reset(extended);
+        }
+    }
+    if (headerList) curl_easy_setopt(curl, CURLOPT_HTTPHEADER, headerList.get());
     const auto seconds = std::chrono::ceil<std::chrono::seconds>(request.timeout).count();
-    curl_easy_setopt(curl, CURLOPT_LOW_SPEED_LIMIT, lowSpeedLimit);
-    curl_easy_setopt(curl, CURLOPT_LOW_SPEED_TIME, static_cast<long>(std::max<decltype(seconds)>(1, seconds)));
+    if (!request.streaming) {
+        curl_easy_setopt(curl, CURLOPT_LOW_SPEED_LIMIT, lowSpeedLimit);
+        curl_easy_setopt(curl, CURLOPT_LOW_SPEED_TIME, static_cast<long>(std::max<decltype(seconds)>(1, seconds)));
+    }
     if (request.totalTimeout) {
         curl_easy_setopt(curl, CURLOPT_TIMEOUT_MS, static_cast<long>(std::max<std::chrono::milliseconds::rep>(
                                                        1, request.totalTimeout->count())));
@@ -167,28 +195,29 @@ std::expected<HTTPResponse, Error> HTTPClient::perform(const HTTPRequest& reques
 
     if (code == CURLE_OK) return std::move(transfer.response);
     if (transfer.tooLarge || code == CURLE_FILESIZE_EXCEEDED) {
-        return std::unexpected(Error::make(ErrorCode::downloadTooLarge,
+        return std::unexpected(HTTPError::make(HTTPError::Code::tooLarge,
                                            "The download is larger than the " +
                                                std::to_string(request.maximumBodySize.value_or(0)) +
                                                " bytes allowed for it"));
     }
     if (transfer.receiverRefused) {
-        return std::unexpected(Error::make(ErrorCode::fileSystem, "could not keep the received data"));
+        return std::unexpected(HTTPError::make(HTTPError::Code::receiverRefused, "could not keep the received data"));
     }
-    if (transfer.stalled) return std::unexpected(Error::make(ErrorCode::transport, "The request timed out."));
+    if (transfer.wasCancelled) return std::unexpected(HTTPError::make(HTTPError::Code::cancelled, "The request was cancelled."));
+    if (transfer.stalled) return std::unexpected(HTTPError::make(HTTPError::Code::transport, "The request timed out."));
     if (code == CURLE_OPERATION_TIMEDOUT) {
         // curl says which limit it was: "Operation timed out after …" or
         // "Operation too slow. Less than … bytes/sec transferred …".
         std::string description = "The request timed out.";
         if (errorBuffer[0] != '\0') description += std::string(" ") + errorBuffer;
-        return std::unexpected(Error::make(ErrorCode::transport, std::move(description)));
+        return std::unexpected(HTTPError::make(HTTPError::Code::transport, std::move(description)));
     }
     std::string description = curl_easy_strerror(code);
     if (errorBuffer[0] != '\0') description += std::string(": ") + errorBuffer;
-    return std::unexpected(Error::make(ErrorCode::transport, std::move(description)));
+    return std::unexpected(HTTPError::make(HTTPError::Code::transport, std::move(description)));
 }
 
-std::expected<std::pair<HTTPResponse, std::string>, Error> HTTPClient::fetch(const HTTPRequest& request,
+std::expected<std::pair<HTTPResponse, std::string>, HTTPError> HTTPClient::fetch(const HTTPRequest& request,
                                                                             HTTPResponse* partialResponse) {
     std::string body;
     auto response = perform(
@@ -207,4 +236,4 @@ void HTTPClient::setTimeSource(TimeSource source) {
     installedTimeSource = std::move(source);
 }
 
-}  // namespace tamsel::updates
+}  // namespace tamsel::platform

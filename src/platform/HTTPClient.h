@@ -8,14 +8,35 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
+#include <vector>
 
-#include "updates/UpdateError.h"
 
-// The one HTTP client of the update code (libcurl), standing in for the
-// shared URL session. Requests run synchronously on the calling thread; the
-// callers put them on a background queue. Only http and https are spoken, so
-// a misconfigured base address can never read local files.
-namespace tamsel::updates {
+// The one HTTP client of the program (libcurl), standing in for the shared
+// URL session: the update code's downloads and the cloud client's requests.
+// Requests run synchronously on the calling thread; the callers put them on a
+// background queue. Only http and https are spoken, so a misconfigured base
+// address can never read local files.
+namespace tamsel::platform {
+
+// Why a request got no complete reply.
+struct HTTPError {
+    enum class Code {
+        // No usable reply: refused, reset, timed out, malformed URL.
+        transport,
+        // The body is larger than the request allowed.
+        tooLarge,
+        // The body receiver refused a piece.
+        receiverRefused,
+        // The request's cancellation flag was raised.
+        cancelled,
+    };
+    Code code = Code::transport;
+    std::string description;
+
+    static HTTPError make(Code code, std::string description) { return {code, std::move(description)}; }
+    friend bool operator==(const HTTPError&, const HTTPError&) = default;
+};
 
 // Header names compare without regard to case, as HTTP says.
 struct CaseInsensitiveLess {
@@ -25,7 +46,7 @@ struct CaseInsensitiveLess {
 using HTTPHeaders = std::map<std::string, std::string, CaseInsensitiveLess>;
 
 struct HTTPRequest {
-    enum class Method { get, head };
+    enum class Method { get, head, post };
 
     std::string url;
     Method method = Method::get;
@@ -39,10 +60,20 @@ struct HTTPRequest {
     std::function<void(double)> progress;
     // The most the body may be: a larger announced "Content-Length" refuses
     // the reply before its body, and a body that grows past it is cut off.
-    // Either is a downloadTooLarge error. None: no limit.
+    // Either is a tooLarge error. None: no limit.
     std::optional<std::uint64_t> maximumBodySize = std::nullopt;
     // How long the whole request may take, however it moves. None: no limit.
     std::optional<std::chrono::milliseconds> totalTimeout = std::nullopt;
+    // Sent as they stand ("Content-Type", "Authorization", …).
+    std::vector<std::pair<std::string, std::string>> headers = {};
+    // The body of a post.
+    std::string body = {};
+    // Asked while the transfer runs (at least once a second); once it
+    // answers true the transfer stops with a cancelled error. May be empty.
+    std::function<bool()> isCancelled = {};
+    // A stream that stays open and trickles (server-sent events): no
+    // low-speed limit; only `timeout` without any byte counts as a stall.
+    bool streaming = false;
 };
 
 struct HTTPResponse {
@@ -57,7 +88,7 @@ struct HTTPResponse {
 };
 
 // Receives the body in pieces; returning false aborts the transfer with a
-// fileSystem error (the receiver could not keep what it was given).
+// receiverRefused error (the receiver could not keep what it was given).
 using BodyReceiver = std::function<bool(std::string_view chunk)>;
 
 class HTTPClient {
@@ -71,11 +102,11 @@ public:
     // (refused, reset, timed out, cut short) is a transport error. The
     // response, when there was one, is also put in `response` so that a
     // failure after the headers arrived can still be described.
-    static std::expected<HTTPResponse, Error> perform(const HTTPRequest& request, const BodyReceiver& receiver,
+    static std::expected<HTTPResponse, HTTPError> perform(const HTTPRequest& request, const BodyReceiver& receiver,
                                                       HTTPResponse* partialResponse = nullptr);
 
     // The whole body in memory; for small documents such as the manifest.
-    static std::expected<std::pair<HTTPResponse, std::string>, Error> fetch(const HTTPRequest& request,
+    static std::expected<std::pair<HTTPResponse, std::string>, HTTPError> fetch(const HTTPRequest& request,
                                                                            HTTPResponse* partialResponse = nullptr);
 
     // Where the stall timer of every request reads the time: the steady
@@ -87,4 +118,4 @@ public:
     static void setTimeSource(TimeSource source);
 };
 
-}  // namespace tamsel::updates
+}  // namespace tamsel::platform
