@@ -64,7 +64,8 @@ std::shared_ptr<platform::LocalContentBlockerManager> substituteContentBlockerMa
 void startWriter() {
     updates::RuleArchive::finishInterruptedInstall();
     for (const auto& folder : {storage::PathProvider::safariJSONFolderURL(), storage::PathProvider::filtersFolderURL(),
-                               storage::PathProvider::sharedContainerURL()}) {
+                               storage::PathProvider::sharedContainerURL(),
+                               substituteContentBlockerManager()->compiledListsFolder()}) {
         platform::removeStaleTemporaries(folder);
     }
     control::ExtensionManager::shared()->repairOwedRebuilds();

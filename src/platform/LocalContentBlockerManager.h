@@ -85,6 +85,9 @@ public:
     // compiled (by this process or another); null when nothing is compiled.
     std::shared_ptr<const ContentRuleMatcher> matcher(const std::string& identifier);
 
+    // Where the lists of the last successful reloads are kept.
+    const std::filesystem::path& compiledListsFolder() const { return listsFolder_; }
+
 private:
     std::filesystem::path compiledListPath(const std::string& identifier) const;
     std::expected<std::size_t, PlatformError> compileList(const std::string& identifier, const std::string& json);
