@@ -24,13 +24,18 @@ function areaAddress(tab, url) {
 function showInArea(tab, url, force = false) {
   if (!force && state.shown.get(tab) === url) return;
   state.shown.set(tab, url);
+  delete $('page').dataset.loaded;
   $('page').src = url ? areaAddress(tab, url) : 'about:blank';
 }
 
 function normalise(text) {
   text = text.trim();
   if (!text) return null;
-  return /^[a-z]+:\/\//i.test(text) ? text : `https://${text}`;
+  try {
+    return new URL(/^[a-z]+:\/\//i.test(text) ? text : `https://${text}`).href;
+  } catch {
+    return null;
+  }
 }
 
 async function refreshTabs() {
@@ -83,6 +88,7 @@ function setUpWindow() {
   $('address').setAttribute('aria-label', t['web.address']);
   $('toolbar-item').setAttribute('aria-label', t['app-name']);
   $('page').setAttribute('title', t['web.page-area']);
+  $('page').addEventListener('load', () => { $('page').dataset.loaded = 'true'; });
 
   $('address-form').addEventListener('submit', (event) => {
     event.preventDefault();

@@ -199,7 +199,7 @@ struct ContentSite::Routes {
         if (mime.starts_with("text/html")) {
             body = withInjection(rewriteAddresses(body, tabID),
                                  injection(mainFrame ? pageStyleSheet(blockers, url) : effects.selectors));
-        } else if (mime.starts_with("text/") || mime == "image/svg+xml") {
+        } else if (mime.starts_with("text/")) {  // not SVG: its xmlns is an address too
             body = rewriteAddresses(body, tabID);
         }
         res.set_content(body, mime);
