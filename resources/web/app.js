@@ -18,7 +18,7 @@ function applyTheme(theme) {
 function areaAddress(tab, url) {
   const match = /^(https?):\/\/(.*)$/i.exec(url);
   if (!match) return 'about:blank';
-  return `${state.page.contentOrigin}/t/${tab}/${match[1].toLowerCase()}/${match[2]}`;
+  return `${state.page.contentOrigin}/m/${tab}/${match[1].toLowerCase()}/${match[2]}`;
 }
 
 function showInArea(tab, url, force = false) {
@@ -116,7 +116,10 @@ function setUpWindow() {
   document.addEventListener('click', (event) => {
     $('context-menu').hidden = true;
     if (!$('popover').hidden && !$('popover').contains(event.target) && !$('toolbar-item').contains(event.target)
-        && event.target.isConnected) post('/api/popover/close');
+        && event.target.isConnected) {
+      $('popover').hidden = true;
+      post('/api/popover/close');
+    }
   });
 
   // The page area's content script: context menu and the element picker.

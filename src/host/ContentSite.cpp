@@ -141,12 +141,16 @@ struct ContentSite::Routes {
             res.set_header("Cache-Control", "no-store");
             res.set_content(readFile(site.sites_ / "_content.js"), "text/javascript; charset=utf-8");
         });
+        // /m/ is the page area itself (the tab's main frame), /t/ whatever it loads.
+        server.Get(R"(/m/([^/]+)/(https?)/([^/?#]+)(.*))", [this](const httplib::Request& req, httplib::Response& res) {
+            load(req, res, true);
+        });
         server.Get(R"(/t/([^/]+)/(https?)/([^/?#]+)(.*))", [this](const httplib::Request& req, httplib::Response& res) {
-            load(req, res);
+            load(req, res, false);
         });
     }
 
-    void load(const httplib::Request& req, httplib::Response& res) {
+    void load(const httplib::Request& req, httplib::Response& res, bool mainFrame) {
         res.set_header("Cache-Control", "no-store");
         const std::string tabID = req.matches[1];
         const std::string scheme = req.matches[2];
@@ -162,11 +166,10 @@ struct ContentSite::Routes {
             res.status = 404;
             return;
         }
-        const std::string dest = req.get_header_value("Sec-Fetch-Dest");
-        const auto type = resourceTypeForFetchDest(dest);
+        const auto type = mainFrame ? platform::LoadResourceType::document
+                                    : resourceTypeForFetchDest(req.get_header_value("Sec-Fetch-Dest"));
         // The page area's own document is the tab's main document: the tab
         // goes there first, as when a link is followed in Safari.
-        const bool mainFrame = dest == "document";
         if (mainFrame && tab->page()->url() != url) site.safari_->navigateTab(tabID, url);
         const auto pageURL = tab->page()->url().value_or(url);
 
@@ -180,8 +183,12 @@ struct ContentSite::Routes {
             return;
         }
         if (effects.evaluated && effects.url != url) {
-            if (mainFrame) site.safari_->navigateTab(tabID, effects.url);
-            res.set_redirect(rewriteAddresses(effects.url, tabID), 307);
+            std::string target = rewriteAddresses(effects.url, tabID);
+            if (mainFrame) {
+                site.safari_->navigateTab(tabID, effects.url);
+                target[1] = 'm';
+            }
+            res.set_redirect(target, 307);
             return;
         }
         const auto file = siteFile(site.sites_, host, path);

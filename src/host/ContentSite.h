@@ -18,8 +18,9 @@ class Server;
 // The page area's origin: a second loopback server, on a port of its own, so
 // that no page shown in the page area can use the API (the API refuses any
 // Origin but its own). It serves the demo sites of resources/sites/ as if
-// their virtual hosts existed: http://127.0.0.1:PORT/t/TAB/https/HOST/PATH
-// stands for https://HOST/PATH loaded in tab TAB. Every request goes through
+// their virtual hosts existed: http://127.0.0.1:PORT/m/TAB/https/HOST/PATH
+// is the page area showing https://HOST/PATH in tab TAB (its main frame), and
+// /t/TAB/https/HOST/PATH a load of that page. Every request goes through
 // the enabled content blockers with the resource type the browser gives in
 // Sec-Fetch-Dest; blocked ones fail (and are reported to the extension as
 // Safari reports them), HTML documents get the page's css-display-none style

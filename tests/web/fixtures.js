@@ -1,4 +1,4 @@
-// Each spec file gets its own `tamsel serve` on a fresh data root, port 0.
+// Each test gets its own `tamsel serve` on a fresh data root, port 0.
 const { test: base, expect } = require('@playwright/test');
 const { spawn } = require('child_process');
 const fs = require('fs');
@@ -28,7 +28,7 @@ const test = base.extend({
     child.kill('SIGTERM');
     await new Promise((resolve) => child.on('exit', resolve));
     fs.rmSync(home, { recursive: true, force: true });
-  }, { scope: 'worker' }],
+  }, { scope: 'test' }],
 });
 
 // Opens the page and waits until it has drawn the window.
@@ -65,4 +65,23 @@ async function settled(server) {
   throw new Error('the extensions did not settle');
 }
 
-module.exports = { test, expect, openWindow, browse, loaded, shot, settled };
+// Opens the popover with the toolbar button and waits for its fade-in.
+async function openPopover(page) {
+  const popover = page.getByRole('dialog', { name: 'Tamsel' });
+  if (!(await popover.isVisible())) await page.getByRole('button', { name: 'Tamsel' }).click();
+  await expect(popover).toBeVisible();
+  await page.waitForTimeout(350);
+  return popover;
+}
+
+// The child view, once it has slid in.
+async function childView(page) {
+  const child = page.locator('#child');
+  await expect(child).toBeVisible();
+  await page.waitForTimeout(350);
+  return child;
+}
+
+const broken = (frame, selector) => frame.locator(selector).evaluate((img) => img.complete && img.naturalWidth === 0);
+
+module.exports = { test, expect, openWindow, browse, loaded, openPopover, childView, broken, shot, settled };
