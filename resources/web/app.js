@@ -88,7 +88,11 @@ function setUpWindow() {
   $('address').setAttribute('aria-label', t['web.address']);
   $('toolbar-item').setAttribute('aria-label', t['app-name']);
   $('page').setAttribute('title', t['web.page-area']);
-  $('page').addEventListener('load', () => { $('page').dataset.loaded = 'true'; });
+  // Safari validates the toolbar item when a page has loaded.
+  $('page').addEventListener('load', async () => {
+    if (state.tab) await post('/api/toolbar/validate');
+    $('page').dataset.loaded = 'true';
+  });
 
   $('address-form').addEventListener('submit', (event) => {
     event.preventDefault();

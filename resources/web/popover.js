@@ -5,8 +5,13 @@ const dark = matchMedia('(prefers-color-scheme: dark)');
 let chart = null;
 let lastChildKind = null;
 
+let asked = 0;
+
 export async function renderPopover(page) {
+  // Answers can arrive out of order; only the newest request's is drawn.
+  const ticket = ++asked;
   const model = await get('/api/popover');
+  if (ticket !== asked) return model;
   const popover = document.getElementById('popover');
   popover.hidden = !model.shown;
   popover.setAttribute('aria-label', page.texts['web.popover']);
