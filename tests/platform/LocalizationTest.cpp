@@ -137,5 +137,15 @@ TEST(ShippedStringTables, ParseCleanlyAndTranslateTheirKeys) {
     resetLocalizationForTesting();
 }
 
+TEST(LocalizedFormatTest, FillsTheFirstConversionOnly) {
+    EXPECT_EQ(localizedFormat("Actions on %@", "example.com"), "Actions on example.com");
+    EXPECT_EQ(localizedFormat("Paused for %d more minutes", "12"), "Paused for 12 more minutes");
+    EXPECT_EQ(localizedFormat("%ld rules", "3"), "3 rules");
+    EXPECT_EQ(localizedFormat("100%% of %@ and %@", "a"), "100% of a and %@");
+    // An untranslated key has no conversion; an unknown one is kept as written.
+    EXPECT_EQ(localizedFormat("action.alert.no-domain.note", "x"), "action.alert.no-domain.note");
+    EXPECT_EQ(localizedFormat("50%x %@ %", "y"), "50%x y %");
+}
+
 }  // namespace
 }  // namespace tamsel::platform
