@@ -5,6 +5,8 @@
 #include <rapidjson/writer.h>
 
 #include <atomic>
+#include <fstream>
+#include <sstream>
 #include <chrono>
 #include <functional>
 #include <optional>
@@ -17,6 +19,9 @@
 #include "model/RawRepresentable.h"
 #include "platform/ContentRuleMatcher.h"
 #include "platform/DispatchQueue.h"
+#include "platform/Resources.h"
+#include "ui/Texts.h"
+#include "ui/Theme.h"
 #include "platform/Value.h"
 #include "runtime/HistoryPeriodType.h"
 
@@ -414,6 +419,50 @@ void outcome(httplib::Response& res, const SafariExtensionViewController::Outcom
         fail(res, 409, result.error());
 }
 
+// What the page needs besides the models: the page area's origin, the texts
+// of the window around it (from the string tables) and the theme's colours.
+std::string pageJSON(std::uint16_t contentPort) {
+    static constexpr std::string_view textKeys[] = {
+        "app-name", "web.address", "web.back", "web.reload", "web.new-tab", "web.close-tab", "web.tabs",
+        "web.popover", "web.page-area", "web.context-menu.hide-element", "web.close", "web.chart",
+        "web.offline.title"};
+    return json([&](Writer& w) {
+        w.StartObject();
+        key(w, "contentOrigin");
+        string(w, contentPort ? "http://127.0.0.1:" + std::to_string(contentPort) : std::string());
+        key(w, "texts");
+        w.StartObject();
+        for (auto name : textKeys) {
+            key(w, name);
+            string(w, ui::commonUIText(name));
+        }
+        w.EndObject();
+        const auto theme = ui::Themes::current();
+        key(w, "theme");
+        w.StartObject();
+        key(w, "name");
+        string(w, theme->name());
+        key(w, "font");
+        string(w, theme->usesSystemFonts() ? "system" : "circular");
+        key(w, "colors");
+        w.StartObject();
+        for (auto role : model::allCases<ui::ColorRole>()) {
+            const auto colors = theme->colors(role);
+            if (colors.empty()) continue;
+            key(w, model::rawValue(role));
+            w.StartObject();
+            key(w, "light");
+            string(w, colors.front().light.hex());
+            key(w, "dark");
+            string(w, colors.front().dark.hex());
+            w.EndObject();
+        }
+        w.EndObject();
+        w.EndObject();
+        w.EndObject();
+    });
+}
+
 std::string tabsJSON(const platform::LocalSafariApplication& safari) {
     return json([&](Writer& w) {
         w.StartObject();
@@ -514,12 +563,21 @@ struct ServeApi::Routes {
             fail(res, 500, "The server failed: " + what + ".");
         });
 
-        server.Get("/", [](const httplib::Request&, httplib::Response& res) {
-            res.set_content(
-                "<!doctype html><html lang=\"en\"><head><meta charset=\"utf-8\"><title>tamsel serve</title></head>"
-                "<body><main><h1>tamsel serve</h1><p>The toolbar extension is running. Its JSON API is under "
-                "<code>/api/</code>; changes stream from <code>/api/events</code>.</p></main></body></html>",
-                "text/html; charset=utf-8");
+        // The page: resources/web/ at /web/, Debian's Chart.js at /vendor/chart.js/.
+        const auto web = platform::resourcesDirectory() / "web";
+        server.set_mount_point("/web", web.string());
+        server.set_mount_point("/vendor/chart.js", "/usr/share/javascript/chart.js");
+        server.set_file_extension_and_mimetype_mapping("mjs", "text/javascript");
+        server.Get("/", [web](const httplib::Request&, httplib::Response& res) {
+            std::ifstream in(web / "index.html", std::ios::binary);
+            std::ostringstream text;
+            text << in.rdbuf();
+            if (text.str().empty()) return fail(res, 500, "The page is missing from " + web.string() + ".");
+            res.set_header("Cache-Control", "no-store");
+            res.set_content(text.str(), "text/html; charset=utf-8");
+        });
+        server.Get("/api/page", [this](const httplib::Request&, httplib::Response& res) {
+            reply(res, pageJSON(api.parts_.contentPort));
         });
 
         addSafariRoutes(server);

@@ -28,6 +28,8 @@ public:
         std::shared_ptr<platform::LocalSafariApplication> safari;
         std::shared_ptr<ui::SafariExtensionViewController> popover;
         std::shared_ptr<EventHub> events;
+        // The page area's server (ContentSite); 0 for none.
+        std::uint16_t contentPort = 0;
     };
 
     // Threads that answer requests; each open event stream holds one.

@@ -27,6 +27,8 @@
 #include "handler/SafariExtensionHandler.h"
 #include "host/Command.h"
 #include "host/EventHub.h"
+#include "host/ContentSite.h"
+#include "platform/Resources.h"
 #include "host/ServeApi.h"
 #include "host/SubstituteHost.h"
 #include "model/RawRepresentable.h"
@@ -248,15 +250,21 @@ int runServe(const std::string& listen) {
     platform::DispatchQueue updateTimer("Rule update timer");
     scheduleUpdateChecks(updateTimer, extension);
 
-    ServeApi api({safari, controller, events});
+    // The page area's origin first, so that the API can tell the page where it is.
+    ContentSite content(safari, platform::resourcesDirectory() / "sites");
+    const auto contentPort = content.bind();
+    if (!contentPort) return reportFailure(contentPort.error());
+    ServeApi api({safari, controller, events, *contentPort});
     const auto bound = api.bind(*port);
     if (!bound) return reportFailure(bound.error());
     // Requests in flight wait on the main queue, so the server stops first,
     // while the main run loop still answers them.
-    std::thread signals = watchStopSignals([&api] {
+    std::thread signals = watchStopSignals([&api, &content] {
         api.stop();
+        content.stop();
         platform::MainRunLoop::stop();
     });
+    content.start();
     api.start();
     std::printf("listening on http://127.0.0.1:%u\n", static_cast<unsigned>(*bound));
     std::fflush(stdout);

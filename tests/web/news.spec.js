@@ -1,0 +1,32 @@
+// The page area: a demo site through the content blockers, the badge, the offline page.
+const { test, expect, openWindow, browse, shot } = require('./fixtures');
+
+const broken = (frame, selector) => frame.locator(selector).evaluate((img) => img.complete && img.naturalWidth === 0);
+
+test('the news site loads without its ads and trackers, and the badge counts them', async ({ page, server }) => {
+  await openWindow(page, server);
+  const frame = await browse(page, 'news.example');
+  await expect(frame.getByRole('heading', { name: 'Fishing boats return to the old harbour' })).toBeVisible();
+  await expect.poll(() => broken(frame, '#top-ad')).toBe(true);
+  await expect.poll(() => broken(frame, '#side-ad')).toBe(true);
+  await expect.poll(() => broken(frame, '#story-photo')).toBe(false);
+  expect(await frame.locator('html').getAttribute('data-analytics')).toBeNull();
+
+  const tab = (await server.api('GET', '/api/windows')).windows[0].tabs[0];
+  expect(tab.url).toBe('https://news.example/');
+  const button = page.getByRole('button', { name: 'Tamsel' });
+  await expect(button).toHaveAccessibleDescription(/^\d+$/);
+  const badge = Number(await page.locator('#badge').textContent());
+  expect(badge).toBeGreaterThanOrEqual(4);
+  await shot(page, 'demo-news-light');
+});
+
+test('another address shows the offline page, and still counts as a page with a host', async ({ page, server }) => {
+  await openWindow(page, server, 'dark');
+  const frame = await browse(page, 'example.org/somewhere');
+  await expect(frame.getByRole('heading', { name: 'You Are Offline' })).toBeVisible();
+  const windows = await server.api('GET', '/api/windows');
+  expect(windows.windows[0].tabs.some((t) => t.url === 'https://example.org/somewhere')).toBe(true);
+  await browse(page, 'shop.example');
+  await shot(page, 'demo-shop-dark');
+});

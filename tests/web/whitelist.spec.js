@@ -1,0 +1,43 @@
+// The whitelist editor: the site whitelisted for ads only.
+const { test, expect, openWindow, browse, loaded, openPopover, childView, shot, settled, broken } = require('./fixtures');
+
+const rowSwitch = (child, title) => child.getByRole('switch', { name: title, exact: true });
+
+for (const scheme of ['light', 'dark']) {
+  test(`whitelisting for ads only brings the ads back, trackers stay blocked, the badge shows the heart (${scheme})`, async ({ page, server }) => {
+    await openWindow(page, server, scheme);
+    let frame = await browse(page, 'news.example');
+    await expect.poll(() => broken(frame, '#top-ad')).toBe(true);
+
+    const popover = await openPopover(page);
+    await popover.getByRole('button', { name: 'Whitelist' }).click();
+    const child = await childView(page);
+    const turnOff = child.getByRole('switch').first();
+    await turnOff.click();
+    await expect(turnOff).toHaveAttribute('aria-checked', 'true');
+    // A second click on the row under the editor does nothing.
+    const before = await server.api('GET', '/api/popover');
+    const again = await server.api('POST', '/api/popover/rows/whitelist/click');
+    expect((await server.api('GET', '/api/popover')).child.kind).toBe('whitelist');
+    expect(JSON.stringify(again)).not.toContain('blockingStats');
+    expect(before.child.kind).toBe('whitelist');
+
+    const all = child.getByRole('switch').nth(1);
+    await expect(all).toHaveAttribute('aria-checked', 'true');
+    await all.click();
+    const ads = rowSwitch(child, 'Ads');
+    await expect(ads).toBeVisible();
+    await ads.click();
+    await expect(ads).toHaveAttribute('aria-checked', 'true');
+    await shot(page, `whitelist-${scheme}`);
+    await settled(server);
+    await expect(page.locator('#badge')).toHaveText('\u2764\uFE0E');
+
+    await child.getByRole('button', { name: 'Close' }).click();
+    await page.getByRole('button', { name: 'Reload' }).click();
+    frame = await loaded(page);
+    await expect.poll(() => broken(frame, '#top-ad')).toBe(false);
+    await expect.poll(() => broken(frame, '#pixel')).toBe(true);
+    expect(await frame.locator('html').getAttribute('data-analytics')).toBeNull();
+  });
+}
