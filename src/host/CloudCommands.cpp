@@ -23,12 +23,6 @@ using platform::CKAccountStatus;
 using platform::CKContainer;
 using platform::CloudAccount;
 
-void printLine(const std::string& text) {
-    std::fwrite(text.data(), 1, text.size(), stdout);
-    std::fputc('\n', stdout);
-    std::fflush(stdout);
-}
-
 std::string syncContainerIdentifier() { return std::string("iCloud.") + build::baseIdentifier; }
 
 struct LoginOptions {

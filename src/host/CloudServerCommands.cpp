@@ -30,16 +30,6 @@ namespace {
 using cloud::CloudServer;
 using cloud::CloudStore;
 
-void printLine(const std::string& text) {
-    std::fwrite(text.data(), 1, text.size(), stdout);
-    std::fputc('\n', stdout);
-    std::fflush(stdout);
-}
-
-void writeString(rapidjson::Writer<rapidjson::StringBuffer>& writer, std::string_view text) {
-    writer.String(text.data(), static_cast<rapidjson::SizeType>(text.size()));
-}
-
 std::string isoTime(std::int64_t milliseconds) {
     const std::time_t seconds = static_cast<std::time_t>(milliseconds / 1000);
     std::tm utc{};

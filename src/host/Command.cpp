@@ -154,6 +154,12 @@ void CommandRegistration::addAll(CommandLine& commandLine) {
     for (const auto& [key, addCommands] : entries) addCommands(commandLine);
 }
 
+void printLine(const std::string& text) {
+    std::fwrite(text.data(), 1, text.size(), stdout);
+    std::fputc('\n', stdout);
+    std::fflush(stdout);
+}
+
 std::string counted(std::size_t count, std::string_view noun) {
     return std::to_string(count) + " " + std::string(noun) + (count == 1 ? "" : "s");
 }

@@ -1,6 +1,8 @@
 #pragma once
 
 #include <CLI/CLI.hpp>
+#include <rapidjson/stringbuffer.h>
+#include <rapidjson/writer.h>
 
 #include <functional>
 #include <optional>
@@ -100,6 +102,15 @@ public:
 
 // "1 package", "2 packages": `noun` with an "s" unless `count` is 1.
 std::string counted(std::size_t count, std::string_view noun);
+
+// Writes `text` and a newline on standard output, flushed at once, so that a
+// program reading line by line sees each answer as it is made.
+void printLine(const std::string& text);
+
+// A string of any length into a JSON writer.
+inline void writeString(rapidjson::Writer<rapidjson::StringBuffer>& writer, std::string_view text) {
+    writer.String(text.data(), static_cast<rapidjson::SizeType>(text.size()));
+}
 
 // Writes "tamsel: <line>" on standard error and returns exitFailure.
 int reportFailure(std::string_view line);

@@ -41,15 +41,6 @@ using platform::LoadEffects;
 using platform::LoadResourceType;
 using Writer = rapidjson::Writer<rapidjson::StringBuffer>;
 
-void printLine(const std::string& text) {
-    std::fwrite(text.data(), 1, text.size(), stdout);
-    std::fputc('\n', stdout);
-}
-
-void writeString(Writer& writer, std::string_view text) {
-    writer.String(text.data(), static_cast<rapidjson::SizeType>(text.size()));
-}
-
 void writeStrings(Writer& writer, const std::vector<std::string>& texts) {
     writer.StartArray();
     for (const auto& text : texts) writeString(writer, text);

@@ -102,11 +102,6 @@ std::string plainText(const platform::Value& value) {
     return value.toJSON();
 }
 
-void printLine(const std::string& text) {
-    std::fwrite(text.data(), 1, text.size(), stdout);
-    std::fputc('\n', stdout);
-}
-
 struct WriteOptions {
     std::string store = "shared";
 };

@@ -31,11 +31,6 @@ using control::ExtensionManager;
 using model::ExtensionType;
 using Clock = std::chrono::system_clock;
 
-void printLine(const std::string& text) {
-    std::fwrite(text.data(), 1, text.size(), stdout);
-    std::fputc('\n', stdout);
-}
-
 std::shared_ptr<platform::LocalContentBlockerManager> safari() {
     return platform::LocalContentBlockerManager::open(
         [](const std::string& identifier) -> std::optional<std::filesystem::path> {

@@ -45,15 +45,6 @@ using runtime::ExtensionCounts;
 using runtime::HistoryPeriodType;
 using JSONWriter = rapidjson::Writer<rapidjson::StringBuffer>;
 
-void printLine(const std::string& text) {
-    std::fwrite(text.data(), 1, text.size(), stdout);
-    std::fputc('\n', stdout);
-}
-
-void writeString(JSONWriter& writer, std::string_view text) {
-    writer.String(text.data(), static_cast<rapidjson::SizeType>(text.size()));
-}
-
 // --- times ---------------------------------------------------------------------------
 
 // Reads "YYYY-MM-DDTHH:MM[:SS]" (a space may stand for the T), followed by

@@ -34,15 +34,6 @@ namespace {
 using control::DataManager;
 using model::Package;
 
-void printLine(const std::string& text) {
-    std::fwrite(text.data(), 1, text.size(), stdout);
-    std::fputc('\n', stdout);
-}
-
-void writeString(rapidjson::Writer<rapidjson::StringBuffer>& writer, std::string_view text) {
-    writer.String(text.data(), static_cast<rapidjson::SizeType>(text.size()));
-}
-
 // Loads every package file into the process's data manager.
 DataManager& loadedDataManager() {
     DataManager& manager = DataManager::shared();

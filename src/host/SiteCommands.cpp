@@ -55,11 +55,6 @@ constexpr auto changeTimeout = std::chrono::minutes(10);
 // The lines the popover writes to the system log.
 const platform::SystemLogger popoverLog("Popover");
 
-void printLine(const std::string& text) {
-    std::fwrite(text.data(), 1, text.size(), stdout);
-    std::fputc('\n', stdout);
-}
-
 std::string joined(const std::vector<std::string>& words) { return words.empty() ? "none" : fmt::format("{}", fmt::join(words, " ")); }
 
 std::vector<std::string> rawValues(const std::vector<ExtensionType>& types) {

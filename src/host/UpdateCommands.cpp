@@ -35,16 +35,6 @@ namespace {
 using updates::FilterServer;
 using updates::UpdateResult;
 
-void printLine(const std::string& text) {
-    std::fwrite(text.data(), 1, text.size(), stdout);
-    std::fputc('\n', stdout);
-    std::fflush(stdout);
-}
-
-void writeString(rapidjson::Writer<rapidjson::StringBuffer>& writer, std::string_view text) {
-    writer.String(text.data(), static_cast<rapidjson::SizeType>(text.size()));
-}
-
 // --- filter-server ----------------------------------------------------------------
 
 struct FilterServerOptions {
