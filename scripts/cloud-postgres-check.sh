@@ -35,19 +35,21 @@ echo "cloud-postgres-check: cluster at $db"
 
 token=$("$tamsel" --home "$work/admin" cloud-server add-user alice --database "$db")
 
+# start_server NAME VARIABLE: runs in this shell (not a command substitution),
+# so that the server's process id reaches `servers` and the cleanup.
 start_server() {
-    local name=$1
+    local name=$1 url
     "$tamsel" --home "$work/$name" cloud-server --listen 127.0.0.1:0 --database "$db" >"$work/$name.out" 2>"$work/$name.err" &
     servers+=($!)
     for _ in $(seq 1 300); do
         url=$(sed -n '1s/^listening on \(http:\/\/127\.0\.0\.1:[0-9]*\)$/\1/p' "$work/$name.out")
-        [ -n "$url" ] && { echo "$url"; return 0; }
+        [ -n "$url" ] && { printf -v "$2" '%s' "$url"; return 0; }
         sleep 0.1
     done
     fail "server $name did not start: $(cat "$work/$name.err")"
 }
-A=$(start_server a)
-B=$(start_server b)
+start_server a A
+start_server b B
 echo "cloud-postgres-check: servers at $A and $B"
 
 call() {  # call BASE ENDPOINT BODY
