@@ -85,6 +85,11 @@ struct Reply {
     std::optional<int> retryAfter;
 };
 
+// A successful answer whose body a JSON writer filled.
+Reply okReply(const rapidjson::StringBuffer& buffer) {
+    return {200, std::string(buffer.GetString(), buffer.GetSize()), {}};
+}
+
 Reply errorReply(const ServerError& error) {
     rapidjson::StringBuffer buffer;
     JSONWriter writer(buffer);
@@ -423,7 +428,7 @@ struct CloudServer::Impl {
         writer.EndArray();
         writer.EndObject();
         if (changed) zoneChanged(scope, *zone, device);
-        return {200, std::string(buffer.GetString(), buffer.GetSize()), {}};
+        return okReply(buffer);
     }
 
     Reply lookupRecords(const DatabaseScope& scope, simdjson::dom::element body) {
@@ -464,7 +469,7 @@ struct CloudServer::Impl {
         }
         writer.EndArray();
         writer.EndObject();
-        return {200, std::string(buffer.GetString(), buffer.GetSize()), {}};
+        return okReply(buffer);
     }
 
     Reply queryRecords(const DatabaseScope& scope, simdjson::dom::element body, const UserInfo& user) {
@@ -502,7 +507,7 @@ struct CloudServer::Impl {
             writeString(writer, std::to_string(*result->second));
         }
         writer.EndObject();
-        return {200, std::string(buffer.GetString(), buffer.GetSize()), {}};
+        return okReply(buffer);
     }
 
     Reply zoneChanges(const DatabaseScope& scope, simdjson::dom::element body) {
@@ -547,7 +552,7 @@ struct CloudServer::Impl {
         }
         writer.EndArray();
         writer.EndObject();
-        return {200, std::string(buffer.GetString(), buffer.GetSize()), {}};
+        return okReply(buffer);
     }
 
     Reply listZones(const DatabaseScope& scope) {
@@ -566,7 +571,7 @@ struct CloudServer::Impl {
         }
         writer.EndArray();
         writer.EndObject();
-        return {200, std::string(buffer.GetString(), buffer.GetSize()), {}};
+        return okReply(buffer);
     }
 
     Reply modifyZones(const DatabaseScope& scope, simdjson::dom::element body) {
@@ -612,7 +617,7 @@ struct CloudServer::Impl {
         }
         writer.EndArray();
         writer.EndObject();
-        return {200, std::string(buffer.GetString(), buffer.GetSize()), {}};
+        return okReply(buffer);
     }
 
     Reply modifySubscriptions(const DatabaseScope& scope, simdjson::dom::element body) {
@@ -679,7 +684,7 @@ struct CloudServer::Impl {
         }
         writer.EndArray();
         writer.EndObject();
-        return {200, std::string(buffer.GetString(), buffer.GetSize()), {}};
+        return okReply(buffer);
     }
 
     Reply currentUser(const UserInfo& user) {
@@ -689,7 +694,7 @@ struct CloudServer::Impl {
         writer.Key("userRecordName");
         writeString(writer, user.userRecordName);
         writer.EndObject();
-        return {200, std::string(buffer.GetString(), buffer.GetSize()), {}};
+        return okReply(buffer);
     }
 
     // Ours: {"items": [{"key", "value" (base64 or null), "timestamp" (ms)}]}
@@ -746,7 +751,7 @@ struct CloudServer::Impl {
         writer.EndArray();
         writer.EndObject();
         if (changed) publish(scope.key(), "kvs", PushEvent{"keyValueChanged", "{}"}, device);
-        return {200, std::string(buffer.GetString(), buffer.GetSize()), {}};
+        return okReply(buffer);
     }
 
     // Ours: {"syncToken": number or absent} → {"items": […], "syncToken": n}.
@@ -782,7 +787,7 @@ struct CloudServer::Impl {
         writer.Key("syncToken");
         writer.Int64(changes.syncNumber);
         writer.EndObject();
-        return {200, std::string(buffer.GetString(), buffer.GetSize()), {}};
+        return okReply(buffer);
     }
 
     // MARK: - Push
