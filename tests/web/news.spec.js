@@ -1,5 +1,5 @@
 // The page area: a demo site through the content blockers, the badge, the offline page.
-const { test, expect, openWindow, browse, shot } = require('./fixtures');
+const { test, expect, openWindow, browse, shot, NEWS_BLOCKED } = require('./fixtures');
 
 const broken = (frame, selector) => frame.locator(selector).evaluate((img) => img.complete && img.naturalWidth === 0);
 
@@ -15,9 +15,7 @@ test('the news site loads without its ads and trackers, and the badge counts the
   const tab = (await server.api('GET', '/api/windows')).windows[0].tabs[0];
   expect(tab.url).toBe('https://news.example/');
   const button = page.getByRole('button', { name: 'Tamsel' });
-  await expect(button).toHaveAccessibleDescription(/^\d+$/);
-  const badge = Number(await page.locator('#badge').textContent());
-  expect(badge).toBeGreaterThanOrEqual(4);
+  await expect(button).toHaveAccessibleDescription(String(NEWS_BLOCKED));
   await shot(page, 'demo-news-light');
 });
 
