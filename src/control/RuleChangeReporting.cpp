@@ -20,6 +20,11 @@ void RuleChangeReporting::setShared(std::shared_ptr<RuleChangeReporting> reporti
     sharedReporting = std::move(reporting);
 }
 
+void RuleChangeReporting::packageAdded(const model::Package&) {}
+void RuleChangeReporting::packageDeleted(const model::Package&) {}
+void RuleChangeReporting::ruleCollectionAdded(const std::vector<model::Rule>&, const model::Package&) {}
+void RuleChangeReporting::rulesDeleted(const std::vector<model::Rule>&, const model::Package&) {}
+
 void RecordingRuleChangeReporting::ruleAdded(const model::Rule& rule, const model::Package& inPackage) {
     std::lock_guard lock(mutex_);
     reports_.push_back({Report::Kind::added, rule.id, inPackage.id});

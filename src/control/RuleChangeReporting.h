@@ -23,6 +23,14 @@ public:
     // `rule` was removed from `inPackage`.
     virtual void ruleDeleted(const model::Rule& rule, const model::Package& inPackage) = 0;
 
+    // Whole packages and several rules at once (an import, a removed
+    // package). Nobody but the sync engine needs them: they do nothing
+    // unless overridden.
+    virtual void packageAdded(const model::Package& package);
+    virtual void packageDeleted(const model::Package& package);
+    virtual void ruleCollectionAdded(const std::vector<model::Rule>& rules, const model::Package& inPackage);
+    virtual void rulesDeleted(const std::vector<model::Rule>& rules, const model::Package& inPackage);
+
     // The process's instance; a RecordingRuleChangeReporting until one is set.
     static std::shared_ptr<RuleChangeReporting> shared();
     // nullptr goes back to a fresh recorder.
