@@ -116,7 +116,7 @@ TEST_F(PushErrorTest, WithoutRetryAfterTheDelaySquares) {
 }
 
 TEST_F(PushErrorTest, ANetworkFailureIsRetriedWithTheDelay) {
-    a_ = makeMachine("A", aliceToken_, [this](SyncManager::Configuration& configuration) {
+    a_ = makeMachine("A", aliceToken_, [this](SyncManager::Configuration& configuration, Machine&) {
         platform::CKTransport::Configuration transport;
         transport.containerIdentifier = configuration.container->containerIdentifier();
         transport.account = [url = server_->baseURL(), token = aliceToken_] {

@@ -129,7 +129,7 @@ protected:
     ManualScheduler scheduler_;
 
     std::unique_ptr<Machine> makeMachine(const std::string& name, const std::string& token,
-                                         const std::function<void(SyncManager::Configuration&)>& adjust = {}) {
+                                         const std::function<void(SyncManager::Configuration&, Machine&)>& adjust = {}) {
         auto machine = std::make_unique<Machine>();
         machine->name = name;
         const auto& home = machine->home.path();
@@ -158,7 +158,7 @@ protected:
         configuration.isButtonExtension = [] { return true; };
         configuration.isMainApp = [] { return false; };
         configuration.isMainAppRunning = [] { return false; };
-        if (adjust) adjust(configuration);
+        if (adjust) adjust(configuration, *machine);
         machine->sync = SyncManager::create(std::move(configuration));
         machine->reporting->target = machine->sync;
         return machine;

@@ -169,7 +169,7 @@ TEST_F(TwoMachineSyncTest, ALocalCopyEqualToTheServersIsDroppedAsAFullDuplicate)
 }
 
 TEST_F(TwoMachineSyncTest, MoreComingIsFollowedUntilTheServerIsDoneAndOnlyThenAPushStarts) {
-    b_ = makeMachine("B", aliceToken_, [](SyncManager::Configuration& configuration) {
+    b_ = makeMachine("B", aliceToken_, [](SyncManager::Configuration& configuration, Machine&) {
         configuration.fetchResultsLimit = 2;
     });
     std::vector<model::Rule> rules;
