@@ -18,6 +18,7 @@
 
 #include "control/DataManager.h"
 #include "control/PackageImport.h"
+#include "control/RuleChangeReporting.h"
 #include "host/Command.h"
 #include "host/InputFile.h"
 #include "host/SubstituteHost.h"
@@ -242,6 +243,17 @@ int runImport(const std::string& file) {
     std::optional<std::optional<DataManager::SaveError>> outcome;
     manager.savePackages({model::JSONFileName::blockCustom}, whitelistChanged,
                          [&outcome](std::optional<DataManager::SaveError> error) { outcome = error; });
+    // The files are written: the imported packages and rules wait for the
+    // next cloud push.
+    const auto reporting = control::RuleChangeReporting::shared();
+    for (const Package& package : decoded->packages) {
+        const auto custom = manager.customPackages();
+        const auto stored = std::find_if(custom.begin(), custom.end(),
+                                         [&](const Package& held) { return held.id == package.id; });
+        if (stored == custom.end()) continue;
+        reporting->packageAdded(*stored);
+        reporting->ruleCollectionAdded(package.rules, *stored);
+    }
     editing.reset();
     if (!platform::MainRunLoop::runUntil([&] { return outcome.has_value(); }, std::chrono::minutes(5))) {
         return reportFailure("the custom extension was not rebuilt in time");

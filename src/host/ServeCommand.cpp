@@ -25,6 +25,7 @@
 #include "control/RuleChanger.h"
 #include "handler/Popover.h"
 #include "handler/SafariExtensionHandler.h"
+#include "host/CloudSync.h"
 #include "host/Command.h"
 #include "host/EventHub.h"
 #include "host/ContentSite.h"
@@ -229,6 +230,9 @@ int runServe(const std::string& listen) {
         target->page()->dispatchMessageToScriptWithName("showSelector", std::nullopt);
         return true;
     });
+
+    // Before the handler: its start hands the user's rules to the sync.
+    const auto cloudSync = CloudSync::start();
 
     handler::SafariExtensionHandler::Collaborators parts;
     parts.application = safari;

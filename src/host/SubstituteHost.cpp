@@ -2,10 +2,12 @@
 
 #include "control/ExtensionManager.h"
 #include "control/PauseStatus.h"
+#include "control/RuleChangeReporting.h"
 #include "platform/Files.h"
 #include "platform/LocalContentBlockerManager.h"
 #include "settings/App.h"
 #include "storage/PathProvider.h"
+#include "sync/LocalChangeRecorder.h"
 #include "updates/RuleArchive.h"
 
 #include <memory>
@@ -55,6 +57,9 @@ void installSubstituteHost() {
     settings::App::setIsMacButtonExtension(true);
     platform::ContentBlockerManager::setShared(installedManager());
     control::ExtensionManager::shared();
+    // Rule changes wait for the next push; a long-running process installs
+    // the sync manager instead (host/CloudSync.h).
+    control::RuleChangeReporting::setShared(std::make_shared<sync::LocalChangeRecorder>());
 }
 
 std::shared_ptr<platform::LocalContentBlockerManager> substituteContentBlockerManager() {

@@ -15,7 +15,8 @@ namespace tamsel::host {
 // while no host application runs), installs the substitute content-blocker
 // manager over the data root's "safari" folder (opened on first use, so
 // commands that never reload touch nothing there) and makes the extension
-// manager the process's rebuilder. Call once the data root is chosen.
+// manager the process's rebuilder, and has rule changes recorded for the
+// cloud sync. Call once the data root is chosen.
 void installSubstituteHost();
 
 // The substitute Safari's content-blocker manager (opened on first use), for
