@@ -167,16 +167,16 @@ void SyncManager::endWork() {
 bool SyncManager::waitUntilIdle(std::chrono::milliseconds timeout) {
     const auto deadline = std::chrono::steady_clock::now() + timeout;
     while (true) {
-        {
-            std::unique_lock lock(mutex_);
-            idle_.wait_until(lock, std::min(deadline, std::chrono::steady_clock::now() + std::chrono::milliseconds(5)),
-                             [this] { return workInFlight_ == 0; });
-        }
         if (queue_.operationCount() == 0) {
             std::lock_guard lock(mutex_);
             if (workInFlight_ == 0) return true;
         }
-        if (std::chrono::steady_clock::now() >= deadline) return false;
+        const auto now = std::chrono::steady_clock::now();
+        if (now >= deadline) return false;
+        // Woken early when a fetch or an account check ends; the queue's
+        // operations are looked at again every few milliseconds.
+        std::unique_lock lock(mutex_);
+        idle_.wait_until(lock, std::min(deadline, now + std::chrono::milliseconds(2)));
     }
 }
 
