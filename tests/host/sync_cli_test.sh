@@ -10,7 +10,21 @@ source "$(dirname "$0")/harness/cli_harness.bash"
 harness_init sync "$@"
 
 SERVER_PID=""
-harness_cleanup() { [ -n "$SERVER_PID" ] && kill "$SERVER_PID" 2>/dev/null; }
+SERVE_PID=""
+harness_cleanup() {
+    [ -n "$SERVE_PID" ] && kill "$SERVE_PID" 2>/dev/null && wait "$SERVE_PID" 2>/dev/null
+    [ -n "$SERVER_PID" ] && kill "$SERVER_PID" 2>/dev/null
+}
+
+# Polls (up to 20 s) until the command succeeds.
+eventually() {
+    local i
+    for i in $(seq 200); do
+        if "$@"; then return 0; fi
+        sleep 0.1
+    done
+    return 1
+}
 
 DB="sqlite:$WORK/cloud.sqlite"
 HOME_A=$WORK/a
@@ -112,6 +126,24 @@ expect_status 0
 on B sync
 expect_status 0
 grep -qF '"shared-list"' "$FILTERS_B/block-custom.json" || problem "B lacks the imported package"
+finish
+
+begin "tamsel serve pushes on start and fetches what another machine pushes, by itself"
+on B whitelist waiting.example.com
+"$TAMSEL" --home "$HOME_B" serve --listen 127.0.0.1:0 >"$WORK/serve.out" 2>"$WORK/serve.err" &
+SERVE_PID=$!
+eventually grep -q '^listening on ' "$WORK/serve.out" || problem "serve did not start: $(cat "$WORK/serve.err")"
+sync_status_clear() { on A sync >/dev/null; on A site waiting.example.com --json; grep -q '"whitelisted":true' "$WORK/out"; }
+eventually sync_status_clear || problem "the rule waiting on B did not reach A"
+on A whitelist pushed.example.com
+on A sync
+expect_status 0
+eventually grep -q "pushed.example.com" "$FILTERS_B/block-configurable.json" ||
+    problem "B's serve did not fetch A's change"
+grep -q "♻️ iCloud Sync: Fetching from remote changes..." "$HOME_B/logs/tamsel.log" || problem "no fetch in B's log"
+kill "$SERVE_PID"
+wait "$SERVE_PID"
+SERVE_PID=""
 finish
 
 begin "cloudStuffDisabled: sync does nothing"
