@@ -137,8 +137,8 @@ public:
     platform::OperationQueue& queue() { return queue_; }
     const std::shared_ptr<platform::CKContainer>& container() const { return container_; }
 
-    // What the last fetch applied, and how many records a push confirmed,
-    // since the manager was made.
+    // What the pushes confirmed and the fetches applied since the manager
+    // was made.
     struct Totals {
         std::size_t recordsSaved = 0;
         std::size_t recordsDeleted = 0;
@@ -172,7 +172,7 @@ private:
     void pushSucceeded(const std::vector<std::shared_ptr<platform::CKRecord>>& saved,
                        const std::vector<platform::CKRecordID>& deleted,
                        const std::map<std::string, platform::Dictionary>& sent);
-    // Merges one conflict; true when something was merged.
+    // Merges one server-record-changed conflict and applies the outcome.
     void merge(const platform::CKError& conflict);
     void fetch(std::function<void()> completion);
     void saveAndReloadAll();
