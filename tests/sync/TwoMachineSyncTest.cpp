@@ -246,6 +246,10 @@ TEST_F(TwoMachineSyncTest, CloudStuffDisabledLeavesTheServerAndTheDefaultsUntouc
 }
 
 TEST_F(TwoMachineSyncTest, AChangeParkedWithoutAnAccountIsPushedOnceTheAccountIsAvailable) {
+    // This machine hears the account-changed notification itself.
+    a_ = makeMachine("A", aliceToken_, [](SyncManager::Configuration& configuration, Machine&) {
+        configuration.observeNotifications = true;
+    });
     *a_->account = std::nullopt;
     givePackages(*a_, {customPackage("mine", {hideRule("R1", "Banner", ".banner")})});
     startSync(*a_);
@@ -259,7 +263,7 @@ TEST_F(TwoMachineSyncTest, AChangeParkedWithoutAnAccountIsPushedOnceTheAccountIs
 
     *a_->account = platform::CloudAccount{server_->baseURL(), "A", aliceToken_};
     use(*a_);
-    a_->sync->accountStatusChanged();
+    platform::NotificationCenter::defaultCenter().post(platform::CKContainer::accountChangedNotification);
     settle(*a_);
     EXPECT_TRUE(log_->contains("♻️ iCloud Sync: Account status changed!"));
     EXPECT_FALSE(a_->sync->pendingOnAccountUnavailable());
