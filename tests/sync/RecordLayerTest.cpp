@@ -4,6 +4,7 @@
 
 #include "platform/UserDefaults.h"
 #include "support/TestSupport.h"
+#include "sync/LocalChangeRecorder.h"
 #include "sync/LocalChangesQueue.h"
 #include "sync/RecordMapping.h"
 #include "sync/RecordMerge.h"
@@ -199,6 +200,23 @@ TEST_F(LocalChangesQueueTest, ConcurrentRecordersLoseNoChange) {
     }
     for (auto& thread : threads) thread.join();
     EXPECT_THAT(queue_.changes().addedRules, SizeIs(100));
+}
+
+TEST_F(LocalChangesQueueTest, TheRecorderOfShortLivedProgramsQueuesChangesUnlessSyncIsDisabled) {
+    auto shared = platform::UserDefaults::open(directory_.path(), "shared");
+    LocalChangeRecorder recorder(defaults_, shared);
+    const model::Package package("P", "Mine", {everyField(), model::Rule("R-2", "Second", {})});
+    recorder.ruleAdded(everyField(), package);
+    recorder.packageDeleted(package);
+    EXPECT_THAT(queue_.changes().addedRules, IsEmpty());
+    EXPECT_THAT(queue_.changes().deletedPackages, ElementsAre("P"));
+    EXPECT_THAT(queue_.changes().deletedRules, ElementsAre("R-1", "R-2"));
+
+    shared->set(Value(true), "cloudStuffDisabled");
+    recorder.packageAdded(model::Package("Q", "Other", {}));
+    recorder.ruleCollectionAdded({everyField()}, package);
+    EXPECT_THAT(queue_.changes().addedPackages, IsEmpty());
+    EXPECT_THAT(queue_.changes().addedRules, IsEmpty());
 }
 
 // --- Metadata -----------------------------------------------------------------------

@@ -97,6 +97,36 @@ TEST_F(TwoMachineSyncTest, AddChangeAndDeleteOfARuleAppearOnTheOtherMachineAfter
     EXPECT_EQ(reread.customPackages()[0], *findPackage(*b_, "mine"));
 }
 
+TEST_F(TwoMachineSyncTest, ARemovedPackageGoesWithItsRulesOnTheOtherMachine) {
+    syncBoth();
+    givePackages(*a_, {customPackage("second", {blockRule("S1", "x")})});
+    use(*a_);
+    a_->sync->packageAdded(*findPackage(*a_, "second"));
+    a_->sync->ruleCollectionAdded(findPackage(*a_, "second")->rules, *findPackage(*a_, "second"));
+    settle(*a_);
+    ASSERT_TRUE(fetch(*b_));
+    ASSERT_TRUE(findRule(*b_, "second", "S1"));
+
+    const auto mine = *findPackage(*a_, "mine");
+    use(*a_);
+    {
+        auto editing = a_->data->beginEditing();
+        ASSERT_TRUE(a_->data->removeByIdentifier("mine"));
+        a_->data->savePackages({model::JSONFileName::blockCustom}, false);
+    }
+    a_->sync->packageDeleted(mine);
+    settle(*a_);
+    EXPECT_TRUE(a_->sync->localChanges().changes().empty());
+    const auto records = serverRecords(aliceToken_);
+    EXPECT_FALSE(records.contains("mine"));
+    EXPECT_FALSE(records.contains("R1"));
+    EXPECT_TRUE(records.contains("S1"));
+
+    ASSERT_TRUE(fetch(*b_));
+    EXPECT_FALSE(findPackage(*b_, "mine"));
+    EXPECT_TRUE(findRule(*b_, "second", "S1"));
+}
+
 TEST_F(TwoMachineSyncTest, AnEditOnOneSideOutlivesADeleteOnTheOther) {
     syncBoth();
 
