@@ -39,6 +39,7 @@
 #include "platform/Workspace.h"
 #include "settings/App.h"
 #include "settings/MainApp.h"
+#include "ui/CloudReporter.h"
 #include "ui/SafariExtensionViewController.h"
 #include "ui/WhitelistViewController.h"
 
@@ -198,6 +199,8 @@ int runServe(const std::string& listen) {
     // The extension process keeps every package in memory, so that a change
     // rebuilds without reading every package file again.
     control::DataManager::shared().loadAllPackages();
+    // Reports from the popover go to the report container of the cloud account.
+    ui::Reporter::setShared(std::make_shared<ui::CloudReporter>());
 
     auto safari = platform::LocalSafariApplication::make();
     auto events = std::make_shared<EventHub>(ServeApi::maximumEventStreams);
@@ -278,6 +281,7 @@ int runServe(const std::string& listen) {
     platform::MainRunLoop::runUntil([] { return platform::MainRunLoop::pendingCount() == 0; }, 5s);
     safari->setExtension(nullptr);
     safari->setObserver({});
+    ui::Reporter::setShared(nullptr);
     std::printf("stopped\n");
     std::fflush(stdout);
     return exitSuccess;
