@@ -22,6 +22,7 @@
 #include "platform/Resources.h"
 #include "ui/Texts.h"
 #include "ui/Theme.h"
+#include "ui/WhitelistViewController.h"
 #include "platform/Value.h"
 #include "runtime/HistoryPeriodType.h"
 
@@ -697,10 +698,12 @@ struct ServeApi::Routes {
             ok(res);
         });
 
-        // Whether the extension manager has no save, reload or retry queued:
-        // a script waits on it for a change to be in effect.
+        // Whether no rule change of the whitelist editor is on its way and the
+        // extension manager has no save, reload or retry queued: a script
+        // waits on it for a change to be in effect.
         server.Get("/api/extensions", [](const httplib::Request&, httplib::Response& res) {
-            const bool idle = control::ExtensionManager::shared()->isIdle();
+            const bool idle =
+                !ui::WhitelistViewController::hasSavesInFlight() && control::ExtensionManager::shared()->isIdle();
             reply(res, idle ? R"({"idle":true})" : R"({"idle":false})");
         });
         server.Get("/api/toolbar", [this](const httplib::Request&, httplib::Response& res) {
