@@ -28,3 +28,14 @@ test('another address shows the offline page, and still counts as a page with a 
   await browse(page, 'shop.example');
   await shot(page, 'demo-shop-dark');
 });
+
+test('the shop loses both its ads, the feed image included', async ({ page, server }) => {
+  await openWindow(page, server);
+  const frame = await browse(page, 'shop.example');
+  await expect.poll(() => broken(frame, '#deal-ad')).toBe(true);
+  await expect.poll(() => broken(frame, '#feed-ad')).toBe(true);
+  await expect.poll(() => broken(frame, 'img[alt="Kettle"]')).toBe(false);
+  // The analytics and social scripts and the two ad images.
+  await expect(page.getByRole('button', { name: 'Tamsel' })).toHaveAccessibleDescription('4');
+  await shot(page, 'demo-shop-light');
+});
