@@ -20,11 +20,12 @@
 #include "platform/ContentRuleMatcher.h"
 #include "platform/DispatchQueue.h"
 #include "platform/Resources.h"
+#include "platform/Value.h"
+#include "runtime/CategoryCounts.h"
+#include "runtime/HistoryPeriodType.h"
 #include "ui/Texts.h"
 #include "ui/Theme.h"
 #include "ui/WhitelistViewController.h"
-#include "platform/Value.h"
-#include "runtime/HistoryPeriodType.h"
 
 namespace tamsel::host {
 
@@ -243,6 +244,17 @@ void renderStatistics(Writer& w, const ui::BlockingStatsViewController& stats) {
             key(w, model::rawValue(extension));
             w.Int64(count);
         }
+        w.EndObject();
+        // The same point folded into the counters' categories: a line per category.
+        const auto folded = runtime::categoryCounts(point.counts);
+        key(w, "categories");
+        w.StartObject();
+        key(w, "ads");
+        w.Int64(folded.ads);
+        key(w, "trackers");
+        w.Int64(folded.trackers);
+        key(w, "others");
+        w.Int64(folded.others);
         w.EndObject();
         w.EndObject();
     }
