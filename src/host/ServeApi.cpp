@@ -15,6 +15,7 @@
 
 #include "control/ExtensionManager.h"
 #include "host/PageLoads.h"
+#include "host/Uncompressed.h"
 #include "model/ExtensionType.h"
 #include "model/RawRepresentable.h"
 #include "platform/ContentRuleMatcher.h"
@@ -552,6 +553,7 @@ struct ServeApi::Routes {
 
     void add(httplib::Server& server) {
         server.set_pre_routing_handler([this](const httplib::Request& req, httplib::Response& res) {
+            answerUncompressed(req);
             if (isOwnRequest(req)) return httplib::Server::HandlerResponse::Unhandled;
             fail(res, 403, "Only pages served by this server on its own host and port may use it.");
             return httplib::Server::HandlerResponse::Handled;
