@@ -187,7 +187,7 @@ struct ContentSite::Routes {
         if (effects.evaluated && effects.url != url) {
             std::string target = rewriteAddresses(effects.url, tabID);
             if (mainFrame) {
-                site.safari_->navigateTab(tabID, effects.url);
+                site.safari_->navigateTab(tabID, effects.url, platform::LocalSafariApplication::Navigation::redirect);
                 target[1] = 'm';
             }
             res.set_redirect(target, 307);

@@ -498,6 +498,8 @@ std::string tabsJSON(const platform::LocalSafariApplication& safari) {
                 optionalString(w, tab.url);
                 key(w, "active");
                 w.Bool(tab.active);
+                key(w, "canGoBack");
+                w.Bool(tab.canGoBack);
                 w.EndObject();
             }
             w.EndArray();
@@ -702,6 +704,13 @@ struct ServeApi::Routes {
             auto url = stringField(*body, "url", res);
             if (!url) return;
             safari().navigateTab(req.matches[1], *url);
+            settle();
+            ok(res);
+        });
+        server.Post(R"(/api/tabs/([^/]+)/back)", [this](const httplib::Request& req, httplib::Response& res) {
+            auto found = tab(req, res);
+            if (!found) return;
+            if (!safari().goBack(found->identifier())) return fail(res, 409, "The tab has nothing to go back to.");
             settle();
             ok(res);
         });

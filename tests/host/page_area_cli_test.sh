@@ -90,6 +90,17 @@ fetch image "/t/$TAB/https/example.org/logo.png"
 expect_status 404
 finish
 
+begin "back goes through the tab's history; the make-HTTPS redirect replaced its entry"
+back() { curl -s -o /dev/null -w '%{http_code}' -X POST --data '{}' "$BASE/api/tabs/$TAB/back"; }
+[ "$(curl -s "$BASE/api/tabs" | jq -r '.windows[0].tabs[0].canGoBack')" = true ] || problem "the tab cannot go back"
+[ "$(back)" = 200 ] || problem "back was refused"
+[ "$(curl -s "$BASE/api/tabs/$TAB" | jq -r .url)" = "https://shop.example/" ] || problem "back did not return to the shop over https"
+[ "$(back)" = 200 ] || problem "the second back was refused"
+[ "$(curl -s "$BASE/api/tabs/$TAB" | jq -r .url)" = "https://news.example/" ] || problem "back did not return to the news page"
+[ "$(back)" = 409 ] || problem "back past the first page was not refused"
+[ "$(curl -s "$BASE/api/tabs" | jq -r '.windows[0].tabs[0].canGoBack')" = false ] || problem "the tab still says it can go back"
+finish
+
 begin "paths outside a site, unknown tabs and foreign hosts are refused"
 fetch image "/t/$TAB/https/news.example/..%2F..%2Fpackages/block-ads.json" --path-as-is
 [ "$status" = 404 ] || [ "$status" = 403 ] || problem "escaped the site folder (HTTP $status)"

@@ -39,3 +39,25 @@ test('the shop loses both its ads, the feed image included', async ({ page, serv
   await expect(page.getByRole('button', { name: 'Tamsel' })).toHaveAccessibleDescription('4');
   await shot(page, 'demo-shop-light');
 });
+
+test('back goes through the tab\'s history, which the server keeps across a reload of the window', async ({ page, server }) => {
+  await openWindow(page, server);
+  await browse(page, 'news.example');
+  const back = page.getByRole('button', { name: 'Back' });
+  await expect(back).toBeDisabled();
+  await browse(page, 'example.org/first');
+  await browse(page, 'shop.example');
+  await expect(back).toBeEnabled();
+  // The window page starts over; the tab's history does not.
+  await openWindow(page, server);
+  await expect(page.getByRole('textbox', { name: 'Address' })).toHaveValue('https://shop.example/');
+  await back.click();
+  await expect(page.getByRole('textbox', { name: 'Address' })).toHaveValue('https://example.org/first');
+  await back.click();
+  await expect(page.getByRole('textbox', { name: 'Address' })).toHaveValue('https://news.example/');
+  const frame = page.frameLocator('iframe');
+  await expect(frame.getByRole('heading', { name: 'Fishing boats return to the old harbour' })).toBeVisible();
+  await expect(back).toBeDisabled();
+  const tab = (await server.api('GET', '/api/tabs')).windows[0].tabs[0];
+  expect(tab).toMatchObject({ url: 'https://news.example/', canGoBack: false });
+});
