@@ -54,8 +54,19 @@ async function refreshTabs() {
   $('back').disabled = !active || !active.canGoBack;
 }
 
+// Every change of the toolbar item comes as an event with its state, so the
+// newest event is the truth; an answer to GET /api/toolbar is drawn only when
+// no event arrived while it was on its way (it may have been read before).
+let toolbarEvents = 0;
+
 async function refreshToolbar(toolbar) {
-  toolbar = toolbar || await get('/api/toolbar');
+  if (toolbar) {
+    toolbarEvents++;
+  } else {
+    const seen = toolbarEvents;
+    toolbar = await get('/api/toolbar');
+    if (seen !== toolbarEvents) return;
+  }
   $('badge').textContent = toolbar.badge;
   $('toolbar-item').setAttribute('aria-disabled', toolbar.enabled ? 'false' : 'true');
 }

@@ -18,6 +18,7 @@
 #include <cstdio>
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <thread>
 
@@ -137,6 +138,12 @@ void publishSafariEvent(EventHub& hub, platform::LocalSafariApplication& safari,
         case Kind::toolbar: {
             auto window = safari.window(event.window);
             if (!window) return;
+            // Changes are told from several threads. Reading the state and
+            // publishing it as one step keeps the events in the order of the
+            // reads, so the last event holds the last state (not one read
+            // earlier by a thread that published later).
+            static std::mutex inOrder;
+            std::lock_guard lock(inOrder);
             const bool enabled = window->toolbarItem()->isEnabled();
             const std::string badge = window->toolbarItem()->badgeText();
             hub.publish({"toolbar", eventJSON([&](Writer& w) {
