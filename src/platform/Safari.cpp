@@ -388,7 +388,10 @@ bool LocalSafariApplication::navigateTab(const std::string& identifier, const st
     {
         std::lock_guard lock(target->historyMutex_);
         auto& backList = target->backList_;
-        const auto leaving = page->url();
+        // The page takes the new address only after the extension has heard
+        // of it, so the address left is the last one asked for.
+        const auto leaving = target->lastNavigation_ ? target->lastNavigation_ : page->url();
+        target->lastNavigation_ = url;
         if (kind == Navigation::link && leaving && *leaving != url) backList.push_back(*leaving);
         // A redirect back to the page just left (http to https of the same
         // address) leaves one entry, not two of the same page.

@@ -178,6 +178,9 @@ private:
     const std::weak_ptr<LocalSafariApplication> application_;
     mutable std::mutex historyMutex_;
     std::vector<std::string> backList_;
+    // The address of the last navigation asked for (the page shows it once
+    // the extension has heard of it); none before the first.
+    std::optional<std::string> lastNavigation_;
 };
 
 class LocalSafariWindow final : public SafariWindow {
