@@ -17,11 +17,6 @@ using platform::CKRecordID;
 
 namespace {
 constexpr const char* recordType = "Report";
-
-const std::string* text(const CKRecord& record, const std::string& key) {
-    const auto* value = record.object(key);
-    return value ? std::get_if<std::string>(value) : nullptr;
-}
 }  // namespace
 
 std::shared_ptr<CKRecord> makeReportRecord(const ReportRecord& report, std::string recordName) {
@@ -34,19 +29,6 @@ std::shared_ptr<CKRecord> makeReportRecord(const ReportRecord& report, std::stri
     record->set("appVersion", report.appVersion);
     record->set("osVersion", report.osVersion);
     return record;
-}
-
-std::optional<ReportRecord> reportFromRecord(const CKRecord& record) {
-    if (record.recordType() != recordType) return std::nullopt;
-    ReportRecord report;
-    for (auto [key, target] : {std::pair{"type", &report.type}, {"url", &report.url}, {"device", &report.device},
-                               {"appVersion", &report.appVersion}, {"osVersion", &report.osVersion}}) {
-        const auto* value = text(record, key);
-        if (!value) return std::nullopt;
-        *target = *value;
-    }
-    if (const auto* comment = text(record, "comment")) report.comment = *comment;
-    return report;
 }
 
 std::string ReportPoster::containerIdentifier() { return std::string("iCloud.") + build::baseIdentifier + ".Report"; }

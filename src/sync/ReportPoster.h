@@ -34,10 +34,6 @@ struct ReportRecord {
 // empty comment counts as none.
 std::shared_ptr<platform::CKRecord> makeReportRecord(const ReportRecord& report, std::string recordName = {});
 
-// The report back from a record; none when the record is not a complete
-// "Report".
-std::optional<ReportRecord> reportFromRecord(const platform::CKRecord& record);
-
 class ReportPoster {
 public:
     // No error: the server stored the record.
