@@ -5,7 +5,7 @@ import { get, post, el } from './api.js';
 import { renderPopover } from './popover.js';
 
 const $ = (id) => document.getElementById(id);
-const state = { page: null, windows: [], tab: null, shown: new Map(), history: new Map() };
+const state = { page: null, windows: [], tab: null, shown: new Map() };
 window.tamsel = state;
 
 function applyTheme(theme) {
@@ -50,19 +50,23 @@ async function refreshTabs() {
     title: t.url || '', onclick: () => post(`/api/tabs/${t.id}/activate`),
   })));
   if (document.activeElement !== $('address')) $('address').value = active?.url || '';
-  if (active) {
-    const trail = state.history.get(active.id) || [];
-    if (active.url && trail[trail.length - 1] !== active.url) trail.push(active.url);
-    state.history.set(active.id, trail);
-    showInArea(active.id, active.url);
-  } else {
-    showInArea(null, null);
-  }
-  $('back').disabled = !active || (state.history.get(active.id) || []).length < 2;
+  showInArea(active ? active.id : null, active ? active.url : null);
+  $('back').disabled = !active || !active.canGoBack;
 }
 
+// Every change of the toolbar item comes as an event with its state, so the
+// newest event is the truth; an answer to GET /api/toolbar is drawn only when
+// no event arrived while it was on its way (it may have been read before).
+let toolbarEvents = 0;
+
 async function refreshToolbar(toolbar) {
-  toolbar = toolbar || await get('/api/toolbar');
+  if (toolbar) {
+    toolbarEvents++;
+  } else {
+    const seen = toolbarEvents;
+    toolbar = await get('/api/toolbar');
+    if (seen !== toolbarEvents) return;
+  }
   $('badge').textContent = toolbar.badge;
   $('toolbar-item').setAttribute('aria-disabled', toolbar.enabled ? 'false' : 'true');
 }
@@ -101,11 +105,11 @@ function setUpWindow() {
   });
   $('new-tab').addEventListener('click', async () => { await post('/api/tabs', {}); refreshTabs(); $('address').focus(); });
   $('reload').addEventListener('click', () => state.tab && post(`/api/tabs/${state.tab}/reload`));
-  $('back').addEventListener('click', () => {
-    const trail = state.history.get(state.tab) || [];
-    if (trail.length < 2) return;
-    trail.pop();
-    navigate(trail.pop());
+  // The tab's history is the server's: going back is the tab's, as reload is.
+  $('back').addEventListener('click', async () => {
+    if (!state.tab) return;
+    await post(`/api/tabs/${state.tab}/back`);
+    refreshTabs();
   });
   $('toolbar-item').addEventListener('click', async () => {
     const shown = !$('popover').hidden;

@@ -144,7 +144,7 @@ function drawChart(child, canvas) {
       labels: points.map((p) => label(p.date)),
       datasets: child.categories.map((c) => {
         const colour = dark.matches ? c.tint.dark : c.tint.light;
-        return { label: c.label, data: points.map((p) => p.counts[c.id] ?? 0), borderColor: colour, backgroundColor: colour, tension: 0.3, pointRadius: 2 };
+        return { label: c.label, data: points.map((p) => p.categories[c.id] ?? 0), borderColor: colour, backgroundColor: colour, tension: 0.3, pointRadius: 2 };
       }),
     },
     options: {

@@ -9,6 +9,7 @@
 #include <sstream>
 
 #include "host/PageLoads.h"
+#include "host/Uncompressed.h"
 #include "ui/Texts.h"
 
 namespace tamsel::host {
@@ -130,6 +131,7 @@ struct ContentSite::Routes {
     void add(httplib::Server& server) {
         // Only requests for this server by its loopback name (no rebinding).
         server.set_pre_routing_handler([this](const httplib::Request& req, httplib::Response& res) {
+            answerUncompressed(req);
             const std::string port = std::to_string(site.port_);
             const std::string host = req.get_header_value("Host");
             if (host == "127.0.0.1:" + port || host == "localhost:" + port)
@@ -185,7 +187,7 @@ struct ContentSite::Routes {
         if (effects.evaluated && effects.url != url) {
             std::string target = rewriteAddresses(effects.url, tabID);
             if (mainFrame) {
-                site.safari_->navigateTab(tabID, effects.url);
+                site.safari_->navigateTab(tabID, effects.url, platform::LocalSafariApplication::Navigation::redirect);
                 target[1] = 'm';
             }
             res.set_redirect(target, 307);

@@ -15,15 +15,18 @@
 
 #include "control/ExtensionManager.h"
 #include "host/PageLoads.h"
+#include "host/Uncompressed.h"
 #include "model/ExtensionType.h"
 #include "model/RawRepresentable.h"
 #include "platform/ContentRuleMatcher.h"
 #include "platform/DispatchQueue.h"
 #include "platform/Resources.h"
+#include "platform/Value.h"
+#include "runtime/CategoryCounts.h"
+#include "runtime/HistoryPeriodType.h"
 #include "ui/Texts.h"
 #include "ui/Theme.h"
-#include "platform/Value.h"
-#include "runtime/HistoryPeriodType.h"
+#include "ui/WhitelistViewController.h"
 
 namespace tamsel::host {
 
@@ -242,6 +245,17 @@ void renderStatistics(Writer& w, const ui::BlockingStatsViewController& stats) {
             key(w, model::rawValue(extension));
             w.Int64(count);
         }
+        w.EndObject();
+        // The same point folded into the counters' categories: a line per category.
+        const auto folded = runtime::categoryCounts(point.counts);
+        key(w, "categories");
+        w.StartObject();
+        key(w, "ads");
+        w.Int64(folded.ads);
+        key(w, "trackers");
+        w.Int64(folded.trackers);
+        key(w, "others");
+        w.Int64(folded.others);
         w.EndObject();
         w.EndObject();
     }
@@ -484,6 +498,8 @@ std::string tabsJSON(const platform::LocalSafariApplication& safari) {
                 optionalString(w, tab.url);
                 key(w, "active");
                 w.Bool(tab.active);
+                key(w, "canGoBack");
+                w.Bool(tab.canGoBack);
                 w.EndObject();
             }
             w.EndArray();
@@ -539,6 +555,7 @@ struct ServeApi::Routes {
 
     void add(httplib::Server& server) {
         server.set_pre_routing_handler([this](const httplib::Request& req, httplib::Response& res) {
+            answerUncompressed(req);
             if (isOwnRequest(req)) return httplib::Server::HandlerResponse::Unhandled;
             fail(res, 403, "Only pages served by this server on its own host and port may use it.");
             return httplib::Server::HandlerResponse::Handled;
@@ -690,6 +707,13 @@ struct ServeApi::Routes {
             settle();
             ok(res);
         });
+        server.Post(R"(/api/tabs/([^/]+)/back)", [this](const httplib::Request& req, httplib::Response& res) {
+            auto found = tab(req, res);
+            if (!found) return;
+            if (!safari().goBack(found->identifier())) return fail(res, 409, "The tab has nothing to go back to.");
+            settle();
+            ok(res);
+        });
         server.Post(R"(/api/tabs/([^/]+)/reload)", [this](const httplib::Request& req, httplib::Response& res) {
             auto found = tab(req, res);
             if (!found) return;
@@ -697,10 +721,12 @@ struct ServeApi::Routes {
             ok(res);
         });
 
-        // Whether the extension manager has no save, reload or retry queued:
-        // a script waits on it for a change to be in effect.
+        // Whether no rule change of the whitelist editor is on its way and the
+        // extension manager has no save, reload or retry queued: a script
+        // waits on it for a change to be in effect.
         server.Get("/api/extensions", [](const httplib::Request&, httplib::Response& res) {
-            const bool idle = control::ExtensionManager::shared()->isIdle();
+            const bool idle =
+                !ui::WhitelistViewController::hasSavesInFlight() && control::ExtensionManager::shared()->isIdle();
             reply(res, idle ? R"({"idle":true})" : R"({"idle":false})");
         });
         server.Get("/api/toolbar", [this](const httplib::Request&, httplib::Response& res) {

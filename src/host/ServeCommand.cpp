@@ -18,6 +18,7 @@
 #include <cstdio>
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <thread>
 
@@ -40,6 +41,7 @@
 #include "platform/Workspace.h"
 #include "settings/App.h"
 #include "settings/MainApp.h"
+#include "ui/CloudReporter.h"
 #include "ui/SafariExtensionViewController.h"
 #include "ui/WhitelistViewController.h"
 
@@ -137,6 +139,12 @@ void publishSafariEvent(EventHub& hub, platform::LocalSafariApplication& safari,
         case Kind::toolbar: {
             auto window = safari.window(event.window);
             if (!window) return;
+            // Changes are told from several threads. Reading the state and
+            // publishing it as one step keeps the events in the order of the
+            // reads, so the last event holds the last state (not one read
+            // earlier by a thread that published later).
+            static std::mutex inOrder;
+            std::lock_guard lock(inOrder);
             const bool enabled = window->toolbarItem()->isEnabled();
             const std::string badge = window->toolbarItem()->badgeText();
             hub.publish({"toolbar", eventJSON([&](Writer& w) {
@@ -199,6 +207,8 @@ int runServe(const std::string& listen) {
     // The extension process keeps every package in memory, so that a change
     // rebuilds without reading every package file again.
     control::DataManager::shared().loadAllPackages();
+    // Reports from the popover go to the report container of the cloud account.
+    ui::Reporter::setShared(std::make_shared<ui::CloudReporter>());
 
     auto safari = platform::LocalSafariApplication::make();
     auto events = std::make_shared<EventHub>(ServeApi::maximumEventStreams);
@@ -282,6 +292,7 @@ int runServe(const std::string& listen) {
     platform::MainRunLoop::runUntil([] { return platform::MainRunLoop::pendingCount() == 0; }, 5s);
     safari->setExtension(nullptr);
     safari->setObserver({});
+    ui::Reporter::setShared(nullptr);
     std::printf("stopped\n");
     std::fflush(stdout);
     return exitSuccess;

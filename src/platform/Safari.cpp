@@ -193,7 +193,7 @@ std::vector<LocalSafariApplication::WindowState> LocalSafariApplication::windows
         for (std::size_t t = 0; t < windows_[w].tabs.size(); ++t) {
             const auto& tab = windows_[w].tabs[t];
             state.tabs.push_back({tab->identifier(), tab->page()->identifier(), tab->page()->url(),
-                                  t == windows_[w].activeTab});
+                                  t == windows_[w].activeTab, tab->canGoBack()});
         }
         states.push_back(std::move(state));
     }
@@ -363,10 +363,40 @@ bool LocalSafariApplication::activateTab(const std::string& identifier) {
     return true;
 }
 
-bool LocalSafariApplication::navigateTab(const std::string& identifier, const std::string& url) {
+std::vector<std::string> LocalSafariTab::backList() const {
+    std::lock_guard lock(historyMutex_);
+    return backList_;
+}
+
+bool LocalSafariApplication::goBack(const std::string& identifier) {
+    auto target = tab(identifier);
+    if (!target) return false;
+    std::string previous;
+    {
+        std::lock_guard lock(target->historyMutex_);
+        if (target->backList_.empty()) return false;
+        previous = std::move(target->backList_.back());
+        target->backList_.pop_back();
+    }
+    return navigateTab(identifier, previous, Navigation::back);
+}
+
+bool LocalSafariApplication::navigateTab(const std::string& identifier, const std::string& url, Navigation kind) {
     auto target = tab(identifier);
     if (!target) return false;
     auto page = target->page();
+    {
+        std::lock_guard lock(target->historyMutex_);
+        auto& backList = target->backList_;
+        // The page takes the new address only after the extension has heard
+        // of it, so the address left is the last one asked for.
+        const auto leaving = target->lastNavigation_ ? target->lastNavigation_ : page->url();
+        target->lastNavigation_ = url;
+        if (kind == Navigation::link && leaving && *leaving != url) backList.push_back(*leaving);
+        // A redirect back to the page just left (http to https of the same
+        // address) leaves one entry, not two of the same page.
+        if (kind == Navigation::redirect && !backList.empty() && backList.back() == url) backList.pop_back();
+    }
     // The extension hears of the navigation before the page shows the new address.
     const bool delivered = deliver([page, url](SafariExtensionHandling& extension, std::function<void()> finished) {
         extension.pageWillNavigateToURL(page, url);

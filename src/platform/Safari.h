@@ -163,6 +163,11 @@ public:
     void getActivePageWithCompletionHandler(
         std::function<void(std::shared_ptr<SafariPage>)> completionHandler) override;
 
+    // The addresses the tab showed before the current one, oldest first
+    // (LocalSafariApplication::goBack returns to the last).
+    std::vector<std::string> backList() const;
+    bool canGoBack() const { return !backList().empty(); }
+
 private:
     friend class LocalSafariApplication;
     LocalSafariTab(std::string identifier, std::shared_ptr<LocalSafariPage> page,
@@ -171,6 +176,11 @@ private:
     const std::string identifier_;
     const std::shared_ptr<LocalSafariPage> page_;
     const std::weak_ptr<LocalSafariApplication> application_;
+    mutable std::mutex historyMutex_;
+    std::vector<std::string> backList_;
+    // The address of the last navigation asked for (the page shows it once
+    // the extension has heard of it); none before the first.
+    std::optional<std::string> lastNavigation_;
 };
 
 class LocalSafariWindow final : public SafariWindow {
@@ -215,6 +225,7 @@ public:
         std::string page;
         std::optional<std::string> url;
         bool active = false;
+        bool canGoBack = false;
     };
     struct WindowState {
         std::string identifier;
@@ -244,8 +255,16 @@ public:
                                             const std::optional<std::string>& window = std::nullopt);
     bool closeTab(const std::string& identifier);
     bool activateTab(const std::string& identifier);
+    // How a navigation relates to the tab's history: a link (or a typed
+    // address) puts the address it leaves on the back list; a redirect
+    // replaces the current entry (and one that lands on the last entry of
+    // the back list merges with it); going back takes the last one off.
+    enum class Navigation { link, redirect, back };
     // The page will navigate (the extension hears it first), then shows `url`.
-    bool navigateTab(const std::string& identifier, const std::string& url);
+    bool navigateTab(const std::string& identifier, const std::string& url, Navigation kind = Navigation::link);
+    // Navigates the tab to the last address of its back list; false when the
+    // tab is unknown or has nothing to go back to.
+    bool goBack(const std::string& identifier);
 
     void validateToolbarItem(const std::shared_ptr<LocalSafariWindow>& window);
     void clickToolbarItem(const std::shared_ptr<LocalSafariWindow>& window);

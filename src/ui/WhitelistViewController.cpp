@@ -1,6 +1,7 @@
 #include "ui/WhitelistViewController.h"
 
 #include <algorithm>
+#include <atomic>
 #include <utility>
 
 #include "model/ConfigurableType.h"
@@ -29,6 +30,16 @@ platform::DispatchQueue& saveQueue() {
     static auto* queue = new platform::DispatchQueue("Whitelist Editor Save", platform::DispatchQueue::Kind::serial,
                                                      platform::QualityOfService::userInitiated);
     return *queue;
+}
+
+// Rule changes handed to the save queue whose completion has not run (or
+// been dropped) yet.
+std::atomic<int> savesInFlight = 0;
+
+// Counts one save from its hand-off until the last copy of its completion is gone.
+std::shared_ptr<void> countSaveInFlight() {
+    ++savesInFlight;
+    return std::shared_ptr<void>(nullptr, [](void*) { --savesInFlight; });
 }
 
 }  // namespace
@@ -76,6 +87,8 @@ std::shared_ptr<WhitelistViewController> WhitelistViewController::create(
 void WhitelistViewController::waitUntilSavesFinished() {
     saveQueue().sync([] {});
 }
+
+bool WhitelistViewController::hasSavesInFlight() { return savesInFlight.load() > 0; }
 
 void WhitelistViewController::setInitialState(const std::optional<model::Rule>& whitelistRule) {
     turnedOffBlocking_ = whitelistRule.has_value();
@@ -181,9 +194,9 @@ void WhitelistViewController::saveChoice(const std::string& domain, bool package
     // The rule change reads and writes package files: off the main queue,
     // one at a time and in the order of the switch changes, so that the last
     // change is the one that stays. Its completion comes back on the main queue.
-    saveQueue().async([changer = ruleChanger_, domain, choice, weak = weak_from_this(),
-                                             packageWasSwitchedOn] {
-        changer->applyWhitelistChoice(domain, choice, [weak, packageWasSwitchedOn](RuleChanger::Result result) {
+    saveQueue().async([changer = ruleChanger_, domain, choice, weak = weak_from_this(), packageWasSwitchedOn,
+                       inFlight = countSaveInFlight()] {
+        changer->applyWhitelistChoice(domain, choice, [weak, packageWasSwitchedOn, inFlight](RuleChanger::Result result) {
             if (const auto editor = weak.lock()) editor->finishSave(result, packageWasSwitchedOn);
         });
     });

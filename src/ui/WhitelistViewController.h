@@ -94,6 +94,9 @@ public:
     // run (their completions may still be queued on the main queue). For an
     // orderly shutdown, and for tests that tear down the data manager.
     static void waitUntilSavesFinished();
+    // Whether a rule change an editor handed off has not reported back yet;
+    // until it has, the extension manager may not have been asked to save.
+    static bool hasSavesInFlight();
 
     WhitelistViewController(std::shared_ptr<control::RuleChanger> ruleChanger,
                             std::shared_ptr<storage::ExtensionReloading> reloading, Presenter presenter);

@@ -137,6 +137,41 @@ TEST_F(LocalSafariTest, TheExtensionHearsOfANavigationBeforeThePageShowsTheNewAd
     EXPECT_THAT(extension->calls(), ::testing::Contains("navigate https://a.example/next from https://a.example/"));
 }
 
+TEST_F(LocalSafariTest, BackReturnsThroughTheTabsOwnHistory) {
+    using Navigation = LocalSafariApplication::Navigation;
+    auto tab = safari->openTab("https://a.example/");
+    auto other = safari->openTab("https://z.example/");
+    EXPECT_FALSE(tab->canGoBack());
+    EXPECT_FALSE(safari->goBack(tab->identifier()));
+
+    safari->navigateTab(tab->identifier(), "http://b.example/");
+    // The forced-HTTPS redirect takes the place of the address it leaves.
+    safari->navigateTab(tab->identifier(), "https://b.example/", Navigation::redirect);
+    safari->navigateTab(tab->identifier(), "https://b.example/");  // the same address again: no entry
+    safari->navigateTab(tab->identifier(), "https://c.example/");
+    EXPECT_EQ(tab->backList(), (std::vector<std::string>{"https://a.example/", "https://b.example/"}));
+    EXPECT_FALSE(other->canGoBack());
+
+    ASSERT_TRUE(safari->goBack(tab->identifier()));
+    settle();
+    EXPECT_EQ(tab->page()->url(), "https://b.example/");
+    // The extension hears of a way back as of any navigation.
+    EXPECT_THAT(extension->calls(), ::testing::Contains("navigate https://b.example/ from https://c.example/"));
+    // Loading the http address again and being redirected lands on the same
+    // page as the entry before: one entry, not two.
+    safari->navigateTab(tab->identifier(), "http://b.example/");
+    safari->navigateTab(tab->identifier(), "https://b.example/", Navigation::redirect);
+    EXPECT_EQ(tab->backList(), (std::vector<std::string>{"https://a.example/"}));
+
+    ASSERT_TRUE(safari->goBack(tab->identifier()));
+    EXPECT_FALSE(safari->goBack(tab->identifier()));
+    settle();
+    EXPECT_EQ(tab->page()->url(), "https://a.example/");
+    const auto windows = safari->windows();
+    for (const auto& state : windows.front().tabs) EXPECT_FALSE(state.canGoBack) << state.identifier;
+    EXPECT_FALSE(safari->goBack("t99"));
+}
+
 TEST_F(LocalSafariTest, CallsReachTheExtensionInTheOrderOfTheEvents) {
     auto tab = safari->openTab("https://a.example/");
     safari->showPopover(safari->frontWindow());

@@ -1,6 +1,6 @@
 // Each test gets its own `tamsel serve` on a fresh data root, port 0.
 const { test: base, expect } = require('@playwright/test');
-const { spawn } = require('child_process');
+const { spawn, execFileSync } = require('child_process');
 const fs = require('fs');
 const os = require('os');
 const path = require('path');
@@ -13,13 +13,9 @@ const test = base.extend({
   server: [async ({}, use) => {
     const home = fs.mkdtempSync(path.join(os.tmpdir(), 'tamsel-web-'));
     // The badge shows the page's count, as the tests expect of it.
-    require('child_process').execFileSync(program, ['--home', home, 'defaults', 'write', 'userPrefersBadgeToolbarIconKey', '-bool', 'true']);
+    execFileSync(program, ['--home', home, 'defaults', 'write', 'userPrefersBadgeToolbarIconKey', '-bool', 'true']);
     const child = spawn(program, ['--home', home, 'serve', '--listen', '127.0.0.1:0'], { stdio: ['ignore', 'pipe', 'pipe'] });
-    const url = await new Promise((resolve, reject) => {
-      let out = '';
-      child.stdout.on('data', (d) => { out += d; const m = /listening on (\S+)/.exec(out); if (m) resolve(m[1]); });
-      child.on('exit', (code) => reject(new Error(`tamsel serve exited with ${code}`)));
-    });
+    const url = await listening(child, 'tamsel serve');
     const api = async (method, route, body) => {
       const res = await fetch(url + route, { method, headers: { 'Content-Type': 'application/json' }, body: body ? JSON.stringify(body) : undefined });
       return res.json();
@@ -29,7 +25,42 @@ const test = base.extend({
     await new Promise((resolve) => child.on('exit', resolve));
     fs.rmSync(home, { recursive: true, force: true });
   }, { scope: 'test' }],
+
+  // A cloud server on 127.0.0.1:0 over a temporary SQLite file, with the test's
+  // data root signed in to it as "alice"; `admin` is the administrator's token.
+  cloud: [async ({ server }, use) => {
+    const dir = fs.mkdtempSync(path.join(os.tmpdir(), 'tamsel-web-cloud-'));
+    const database = 'sqlite:' + path.join(dir, 'cloud.sqlite');
+    const run = (...args) => execFileSync(program, ['--home', dir, ...args]).toString().trim();
+    const admin = run('cloud-server', 'add-user', 'root', '--admin', '--database', database);
+    const alice = run('cloud-server', 'add-user', 'alice', '--database', database);
+    const child = spawn(program, ['--home', dir, 'cloud-server', '--listen', '127.0.0.1:0', '--database', database],
+      { stdio: ['ignore', 'pipe', 'pipe'] });
+    const url = await listening(child, 'tamsel cloud-server');
+    execFileSync(program, ['--home', server.home, 'cloud', 'login', '--server', url, '--user', 'alice', '--token', alice]);
+    // The records of one type in a public database, as the administrator reads them.
+    const publicRecords = async (container, recordType) => {
+      const res = await fetch(`${url}/database/1/${container}/development/public/records/query`, {
+        method: 'POST', headers: { 'Content-Type': 'application/json', Authorization: `Bearer ${admin}` },
+        body: JSON.stringify({ query: { recordType } }),
+      });
+      return (await res.json()).records;
+    };
+    await use({ url, admin, publicRecords });
+    child.kill('SIGTERM');
+    await new Promise((resolve) => child.on('exit', resolve));
+    fs.rmSync(dir, { recursive: true, force: true });
+  }, { scope: 'test' }],
 });
+
+// The address a program prints first ("listening on URL").
+function listening(child, name) {
+  return new Promise((resolve, reject) => {
+    let out = '';
+    child.stdout.on('data', (d) => { out += d; const m = /listening on (\S+)/.exec(out); if (m) resolve(m[1]); });
+    child.on('exit', (code) => reject(new Error(`${name} exited with ${code}`)));
+  });
+}
 
 // Opens the page and waits until it has drawn the window.
 async function openWindow(page, server, scheme = 'light') {

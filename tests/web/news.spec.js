@@ -28,3 +28,36 @@ test('another address shows the offline page, and still counts as a page with a 
   await browse(page, 'shop.example');
   await shot(page, 'demo-shop-dark');
 });
+
+test('the shop loses both its ads, the feed image included', async ({ page, server }) => {
+  await openWindow(page, server);
+  const frame = await browse(page, 'shop.example');
+  await expect.poll(() => broken(frame, '#deal-ad')).toBe(true);
+  await expect.poll(() => broken(frame, '#feed-ad')).toBe(true);
+  await expect.poll(() => broken(frame, 'img[alt="Kettle"]')).toBe(false);
+  // The analytics and social scripts and the two ad images.
+  await expect(page.getByRole('button', { name: 'Tamsel' })).toHaveAccessibleDescription('4');
+  await shot(page, 'demo-shop-light');
+});
+
+test('back goes through the tab\'s history, which the server keeps across a reload of the window', async ({ page, server }) => {
+  await openWindow(page, server);
+  await browse(page, 'news.example');
+  const back = page.getByRole('button', { name: 'Back' });
+  await expect(back).toBeDisabled();
+  await browse(page, 'example.org/first');
+  await browse(page, 'shop.example');
+  await expect(back).toBeEnabled();
+  // The window page starts over; the tab's history does not.
+  await openWindow(page, server);
+  await expect(page.getByRole('textbox', { name: 'Address' })).toHaveValue('https://shop.example/');
+  await back.click();
+  await expect(page.getByRole('textbox', { name: 'Address' })).toHaveValue('https://example.org/first');
+  await back.click();
+  await expect(page.getByRole('textbox', { name: 'Address' })).toHaveValue('https://news.example/');
+  const frame = page.frameLocator('iframe');
+  await expect(frame.getByRole('heading', { name: 'Fishing boats return to the old harbour' })).toBeVisible();
+  await expect(back).toBeDisabled();
+  const tab = (await server.api('GET', '/api/tabs')).windows[0].tabs[0];
+  expect(tab).toMatchObject({ url: 'https://news.example/', canGoBack: false });
+});
