@@ -310,10 +310,31 @@ std::uint32_t gramAt(const char* text) {
     return value;
 }
 
+// Every bit of the hash depends on every byte of the piece: the piece filter
+// takes its bits from the low end, the table its slot from the low end, and
+// the filter's word and the second-piece check from the high end.
 std::uint32_t mix(std::uint32_t gram) {
-    std::uint32_t h = gram * 0x9E3779B1u;
-    return h ^ (h >> 15);
+    std::uint32_t h = gram;
+    h ^= h >> 16;
+    h *= 0x85EBCA6Bu;
+    h ^= h >> 13;
+    h *= 0xC2B2AE35u;
+    return h ^ (h >> 16);
 }
+
+// The two bits of its word the piece filter sets for a key.
+std::uint64_t filterBits(std::uint32_t hash) {
+    return (std::uint64_t{1} << (hash & 63)) | (std::uint64_t{1} << ((hash >> 6) & 63));
+}
+
+// A key's word among `words`.
+std::size_t filterWord(std::uint32_t hash, std::size_t words) {
+    return static_cast<std::size_t>((std::uint64_t{hash} * words) >> 32);
+}
+
+// A piece's bit in a load's piece set.
+constexpr std::uint16_t checkPresent = 0x8000;
+std::uint16_t checkOf(std::uint32_t hash) { return static_cast<std::uint16_t>(checkPresent | ((hash >> 16) & 0xFFF)); }
 
 // Pieces every URL has; a rule is filed under one of them only when it has nothing else.
 bool isCommonGram(std::string_view gram) {
@@ -412,6 +433,11 @@ std::optional<EntryView> readEntry(simdjson::dom::element element) {
 // Never 0, which marks an empty slot.
 std::uint64_t siteHash(std::string_view host) { return fnv(0xCBF29CE484222325ull, host) | 1; }
 
+// A site's key in the piece filter.
+std::uint32_t siteKey(std::uint64_t site) {
+    return mix(static_cast<std::uint32_t>(site >> 32) ^ static_cast<std::uint32_t>(site) ^ 0x5173u);
+}
+
 bool universal(std::string_view filter) { return validateURLFilter(filter) == URLFilterStatus::matchesEverything; }
 
 }  // namespace
@@ -445,6 +471,14 @@ struct ContentRuleMatcher::Segment {
         std::uint32_t gram = 0;  // 0: empty (no URL holds a NUL byte)
         std::uint32_t begin = 0, end = 0;
     };
+    // A rule filed under a piece, with what rules out most candidates
+    // before the rule itself is read: the loads it covers and a second piece
+    // of its url-filter.
+    struct Posting {
+        std::uint32_t rule;
+        std::uint16_t loads;  // resource-type bits, then first-party and third-party
+        std::uint16_t check;  // checkOf() the second piece; 0: none
+    };
 
     std::string arena;
     std::vector<Rule> rules;
@@ -454,10 +488,11 @@ struct ContentRuleMatcher::Segment {
     std::unique_ptr<std::atomic<const RE2*>[]> topRegexes;
     mutable std::atomic<std::size_t> compiledRegexBytes{0};
 
-    std::vector<std::uint64_t> bitmap;  // which pieces any rule is filed under
-    unsigned bitmapShift = 32;
+    // Which pieces and sites any rule is filed under: a blocked Bloom
+    // filter, two bits in one word per key, about 16 bits a key.
+    std::vector<std::uint64_t> filter;
     std::vector<GramSlot> table;
-    std::vector<std::uint32_t> postings;
+    std::vector<Posting> postings;
     std::vector<std::uint32_t> always;  // rules with no piece to file them under
     // Match-all filters with an if-domain list, filed under the hash of each
     // of its hosts (a collision only adds a candidate that the check refuses).
@@ -490,8 +525,9 @@ struct ContentRuleMatcher::Segment {
 
     std::size_t memoryUsage() const {
         std::size_t bytes = sizeof *this + arena.capacity() + rules.capacity() * sizeof(Rule) +
-                            rules.size() * sizeof(void*) + bitmap.capacity() * 8 + table.capacity() * sizeof(GramSlot) +
-                            (postings.capacity() + always.capacity()) * 4 + compiledRegexBytes.load();
+                            rules.size() * sizeof(void*) + filter.capacity() * 8 + table.capacity() * sizeof(GramSlot) +
+                            postings.capacity() * sizeof(Posting) + always.capacity() * 4 +
+                            compiledRegexBytes.load();
         for (const auto& condition : conditions) {
             bytes += sizeof condition + condition.topPatterns.capacity() * 4;
             for (const auto& host : condition.hosts) bytes += sizeof host + host.capacity();
@@ -512,11 +548,14 @@ struct ContentRuleMatcher::Segment {
     }
 
     void build(const std::vector<EntryView>& entries, bool collectGlobalSheet);
+    bool mayHold(std::uint32_t key) const {
+        const std::uint64_t bits = filterBits(key);
+        return (filter[filterWord(key, filter.size())] & bits) == bits;
+    }
     void collect(const PreparedLoad& load, std::vector<std::uint32_t>& out) const;
-    bool fires(const Rule& rule, const PreparedLoad& load, std::string_view lowerURL,
-               std::string_view lowerMain) const;
+    bool fires(const Rule& rule, const PreparedLoad& load) const;
     bool urlMatches(const Rule& rule, std::string_view url, std::string_view lowerURL) const;
-    bool conditionHolds(const Condition& condition, const PreparedLoad& load, std::string_view lowerMain) const;
+    bool conditionHolds(const Condition& condition, const PreparedLoad& load) const;
 };
 
 void ContentRuleMatcher::Segment::build(const std::vector<EntryView>& entries, bool collectGlobalSheet) {
@@ -603,7 +642,11 @@ void ContentRuleMatcher::Segment::build(const std::vector<EntryView>& entries, b
     for (const auto& runs : runsOf)
         eachGram(runs, [&](std::string_view gram) { ++counts[mix(gramAt(gram.data())) >> (32 - countBits)]; });
 
-    std::vector<std::pair<std::uint32_t, std::uint32_t>> filed;  // piece, rule
+    struct Filed {
+        std::uint32_t gram;
+        Posting posting;
+    };
+    std::vector<Filed> filed;
     filed.reserve(rules.size());
     std::vector<std::pair<std::uint64_t, std::uint32_t>> sites;  // site, rule
     for (std::uint32_t index = 0; index < rules.size(); ++index) {
@@ -614,54 +657,75 @@ void ContentRuleMatcher::Segment::build(const std::vector<EntryView>& entries, b
             for (const auto& host : condition.suffixes) sites.emplace_back(siteHash(host), index);
             continue;
         }
+        // Filed under its rarest piece; the rarest of the others that does
+        // not overlap it (any other when all do) is the second piece.
+        const auto cost = [&](std::string_view gram) {
+            return counts[mix(gramAt(gram.data())) >> (32 - countBits)] + (isCommonGram(gram) ? 1'000'000'000ull : 0);
+        };
+        const auto& runs = runsOf[index];
         std::optional<std::uint32_t> best;
+        std::size_t bestRun = 0, bestAt = 0;
         std::uint64_t bestCost = std::numeric_limits<std::uint64_t>::max();
-        eachGram(runsOf[index], [&](std::string_view gram) {
-            const std::uint32_t value = gramAt(gram.data());
-            const std::uint64_t cost =
-                counts[mix(value) >> (32 - countBits)] + (isCommonGram(gram) ? 1'000'000'000ull : 0);
-            if (cost < bestCost) {
-                bestCost = cost;
-                best = value;
+        for (size_t r = 0; r < runs.size(); ++r)
+            for (size_t i = 0; i + 4 <= runs[r].size(); ++i)
+                if (const auto c = cost(std::string_view(runs[r]).substr(i, 4)); c < bestCost) {
+                    bestCost = c;
+                    best = gramAt(runs[r].data() + i);
+                    bestRun = r;
+                    bestAt = i;
+                }
+        if (!best) {
+            always.push_back(index);
+            continue;
+        }
+        std::optional<std::uint32_t> second;
+        std::uint64_t secondCost = std::numeric_limits<std::uint64_t>::max();
+        bool secondApart = false;
+        for (size_t r = 0; r < runs.size(); ++r)
+            for (size_t i = 0; i + 4 <= runs[r].size(); ++i) {
+                const std::uint32_t value = gramAt(runs[r].data() + i);
+                if (value == *best) continue;
+                const bool apart = r != bestRun || i + 4 <= bestAt || bestAt + 4 <= i;
+                const auto c = cost(std::string_view(runs[r]).substr(i, 4));
+                if ((apart && !secondApart) || (apart == secondApart && c < secondCost)) {
+                    second = value;
+                    secondCost = c;
+                    secondApart = apart;
+                }
             }
-        });
-        if (best) filed.emplace_back(*best, index);
-        else always.push_back(index);
+        const auto loads = static_cast<std::uint16_t>(rule.resources | (rule.loads << loadTypeNames.size()));
+        filed.push_back({*best, {index, loads, second ? checkOf(mix(*second)) : std::uint16_t{0}}});
     }
-    std::sort(filed.begin(), filed.end());
+    std::sort(filed.begin(), filed.end(), [](const Filed& a, const Filed& b) {
+        return a.gram != b.gram ? a.gram < b.gram : a.posting.rule < b.posting.rule;
+    });
 
     std::size_t distinct = 0;
     for (size_t i = 0; i < filed.size(); ++i)
-        if (i == 0 || filed[i].first != filed[i - 1].first) ++distinct;
-    std::size_t capacity = 16;
-    while (capacity < distinct * 2) capacity *= 2;
-    table.assign(distinct ? capacity : 0, GramSlot{});
-    std::size_t bitmapBits = 64;
-    unsigned bits = 6;
-    while (bitmapBits < distinct * 8 && bits < 18) {
-        bitmapBits *= 2;
-        ++bits;
-    }
-    bitmap.assign(bitmapBits / 64, 0);
-    bitmapShift = 32 - bits;
-    postings.reserve(filed.size());
-    for (size_t i = 0; i < filed.size();) {
-        const std::uint32_t gram = filed[i].first;
-        const auto begin = static_cast<std::uint32_t>(postings.size());
-        for (; i < filed.size() && filed[i].first == gram; ++i) postings.push_back(filed[i].second);
-        const std::uint32_t h = mix(gram);
-        size_t slot = h & (table.size() - 1);
-        while (table[slot].gram != 0) slot = (slot + 1) & (table.size() - 1);
-        table[slot] = GramSlot{gram, begin, static_cast<std::uint32_t>(postings.size())};
-        const std::uint32_t b = h >> bitmapShift;
-        bitmap[b / 64] |= std::uint64_t{1} << (b % 64);
-    }
-
+        if (i == 0 || filed[i].gram != filed[i - 1].gram) ++distinct;
     std::sort(sites.begin(), sites.end());
     sites.erase(std::unique(sites.begin(), sites.end()), sites.end());
     std::size_t distinctSites = 0;
     for (size_t i = 0; i < sites.size(); ++i)
         if (i == 0 || sites[i].first != sites[i - 1].first) ++distinctSites;
+    filter.assign(std::max<std::size_t>(1, (distinct + distinctSites + 3) / 4), 0);
+    const auto file = [this](std::uint32_t key) { filter[filterWord(key, filter.size())] |= filterBits(key); };
+
+    std::size_t capacity = 16;
+    while (capacity < distinct * 2) capacity *= 2;
+    table.assign(distinct ? capacity : 0, GramSlot{});
+    postings.reserve(filed.size());
+    for (size_t i = 0; i < filed.size();) {
+        const std::uint32_t gram = filed[i].gram;
+        const auto begin = static_cast<std::uint32_t>(postings.size());
+        for (; i < filed.size() && filed[i].gram == gram; ++i) postings.push_back(filed[i].posting);
+        const std::uint32_t h = mix(gram);
+        size_t slot = h & (table.size() - 1);
+        while (table[slot].gram != 0) slot = (slot + 1) & (table.size() - 1);
+        table[slot] = GramSlot{gram, begin, static_cast<std::uint32_t>(postings.size())};
+        file(h);
+    }
+
     capacity = 16;
     while (capacity < distinctSites * 2) capacity *= 2;
     siteTable.assign(distinctSites ? capacity : 0, SiteSlot{});
@@ -670,6 +734,7 @@ void ContentRuleMatcher::Segment::build(const std::vector<EntryView>& entries, b
         const std::uint64_t site = sites[i].first;
         const auto begin = static_cast<std::uint32_t>(sitePostings.size());
         for (; i < sites.size() && sites[i].first == site; ++i) sitePostings.push_back(sites[i].second);
+        file(siteKey(site));
         size_t slot = (site >> 7) & (siteTable.size() - 1);
         while (siteTable[slot].site != 0) slot = (slot + 1) & (siteTable.size() - 1);
         siteTable[slot] = SiteSlot{site, begin, static_cast<std::uint32_t>(sitePostings.size())};
@@ -680,21 +745,28 @@ void ContentRuleMatcher::Segment::collect(const PreparedLoad& load, std::vector<
     out.clear();
     if (!table.empty()) {
         const std::uint32_t mask = static_cast<std::uint32_t>(table.size() - 1);
-        for (std::uint32_t gram : load.grams_) {
-            const std::uint32_t h = mix(gram);
-            const std::uint32_t b = h >> bitmapShift;
-            if (!(bitmap[b / 64] & (std::uint64_t{1} << (b % 64)))) continue;
+        const std::uint16_t typeBit = bit(load.type_);
+        for (const auto [gram, h] : load.grams_) {
+            if (!mayHold(h)) continue;
             for (std::uint32_t slot = h & mask; table[slot].gram != 0; slot = (slot + 1) & mask) {
-                if (table[slot].gram == gram) {
-                    out.insert(out.end(), postings.begin() + table[slot].begin, postings.begin() + table[slot].end);
-                    break;
+                if (table[slot].gram != gram) continue;
+                for (std::uint32_t p = table[slot].begin; p < table[slot].end; ++p) {
+                    const Posting posting = postings[p];
+                    if (!(posting.loads & typeBit) || !load.mayHold(posting.check)) continue;
+                    const unsigned party = posting.loads >> loadTypeNames.size();
+                    if (party != (firstPartyBit | thirdPartyBit) &&
+                        !(party & (load.isThirdParty() ? thirdPartyBit : firstPartyBit)))
+                        continue;
+                    out.push_back(posting.rule);
                 }
+                break;
             }
         }
     }
     if (!siteTable.empty()) {
         const std::size_t mask = siteTable.size() - 1;
-        for (std::uint64_t site : load.sites_) {
+        for (const auto [site, key] : load.sites_) {
+            if (!mayHold(key)) continue;
             for (std::size_t slot = (site >> 7) & mask; siteTable[slot].site != 0; slot = (slot + 1) & mask) {
                 if (siteTable[slot].site == site) {
                     out.insert(out.end(), sitePostings.begin() + siteTable[slot].begin,
@@ -704,8 +776,10 @@ void ContentRuleMatcher::Segment::collect(const PreparedLoad& load, std::vector<
             }
         }
     }
-    std::sort(out.begin(), out.end());
-    out.erase(std::unique(out.begin(), out.end()), out.end());
+    if (out.size() > 1) {
+        std::sort(out.begin(), out.end());
+        out.erase(std::unique(out.begin(), out.end()), out.end());
+    }
 }
 
 bool ContentRuleMatcher::Segment::urlMatches(const Rule& rule, std::string_view url, std::string_view lowerURL) const {
@@ -727,8 +801,7 @@ bool ContentRuleMatcher::Segment::urlMatches(const Rule& rule, std::string_view 
     return regex->ok() && RE2::PartialMatch(url, *regex);
 }
 
-bool ContentRuleMatcher::Segment::conditionHolds(const Condition& condition, const PreparedLoad& load,
-                                                 std::string_view lowerMain) const {
+bool ContentRuleMatcher::Segment::conditionHolds(const Condition& condition, const PreparedLoad& load) const {
     switch (condition.kind) {
     case ConditionKind::ifDomain:
     case ConditionKind::unlessDomain: {
@@ -754,19 +827,19 @@ bool ContentRuleMatcher::Segment::conditionHolds(const Condition& condition, con
             }
             if (listed) break;
         }
-        (void)lowerMain;
         return listed == (condition.kind == ConditionKind::ifTopURL);
     }
     }
     return false;
 }
 
-bool ContentRuleMatcher::Segment::fires(const Rule& rule, const PreparedLoad& load, std::string_view lowerURL,
-                                        std::string_view lowerMain) const {
+bool ContentRuleMatcher::Segment::fires(const Rule& rule, const PreparedLoad& load) const {
     if (!(rule.resources & bit(load.type_))) return false;
-    if (!(rule.loads & (load.thirdParty_ ? thirdPartyBit : firstPartyBit))) return false;
-    if (rule.condition != none && !conditionHolds(conditions[rule.condition], load, lowerMain)) return false;
-    return urlMatches(rule, load.url_.text, lowerURL);
+    if (rule.loads != (firstPartyBit | thirdPartyBit) &&
+        !(rule.loads & (load.isThirdParty() ? thirdPartyBit : firstPartyBit)))
+        return false;
+    if (rule.condition != none && !conditionHolds(conditions[rule.condition], load)) return false;
+    return urlMatches(rule, load.url_.text, load.lowerURL_);
 }
 
 // --- the matcher -------------------------------------------------------------------------
@@ -933,7 +1006,7 @@ ContentRuleListEffects ContentRuleMatcher::evaluate(const PreparedLoad& load) co
                 if (i < candidates.size() && candidates[i] == index) ++i;
             }
             const auto& rule = segment->rules[index];
-            if (!segment->fires(rule, load, load.lowerURL_, load.lowerMain_)) continue;
+            if (!segment->fires(rule, load)) continue;
             switch (rule.action) {
             case Action::block: effects.blocked = true; break;
             case Action::blockCookies: effects.blockCookies = true; break;
@@ -988,20 +1061,32 @@ std::optional<PreparedLoad> PreparedLoad::prepare(const ContentLoad& load) {
     if (!main) return std::nullopt;
     PreparedLoad prepared;
     prepared.lowerURL_ = lowered(url->text);
-    prepared.lowerMain_ = lowered(main->text);
-    for (size_t i = 0; i + 4 <= prepared.lowerURL_.size(); ++i)
-        prepared.grams_.push_back(gramAt(prepared.lowerURL_.data() + i));
+    const std::string& lower = prepared.lowerURL_;
+    if (lower.size() >= 4) prepared.grams_.reserve(lower.size() - 3);
+    for (size_t i = 0; i + 4 <= lower.size(); ++i) {
+        const std::uint32_t gram = gramAt(lower.data() + i);
+        const std::uint32_t hash = mix(gram);
+        prepared.grams_.push_back({gram, hash});
+        const unsigned piece = checkOf(hash) & 0xFFF;
+        prepared.pieceSet_[piece / 64] |= std::uint64_t{1} << (piece % 64);
+    }
     for (std::string_view host = main->host; !host.empty();) {
-        prepared.sites_.push_back(siteHash(host));
+        const std::uint64_t site = siteHash(host);
+        prepared.sites_.push_back({site, siteKey(site)});
         const size_t dot = host.find('.');
         if (dot == std::string_view::npos) break;
         host.remove_prefix(dot + 1);
     }
     prepared.type_ = load.resourceType;
-    prepared.thirdParty_ = url->host != main->host && registrableDomain(url->host) != registrableDomain(main->host);
+    if (url->host == main->host) prepared.thirdParty_ = 0;
     prepared.url_ = std::move(*url);
     prepared.main_ = std::move(*main);
     return prepared;
+}
+
+bool PreparedLoad::isThirdParty() const {
+    if (thirdParty_ < 0) thirdParty_ = registrableDomain(url_.host) != registrableDomain(main_.host) ? 1 : 0;
+    return thirdParty_ > 0;
 }
 
 LoadEffects evaluateLoad(std::span<const NamedContentRuleMatcher> matchers, const ContentLoad& load) {

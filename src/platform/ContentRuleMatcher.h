@@ -64,18 +64,40 @@ public:
     const CanonicalURL& url() const { return url_; }
     const CanonicalURL& mainDocument() const { return main_; }
     LoadResourceType resourceType() const { return type_; }
-    bool isThirdParty() const { return thirdParty_; }
+    // Decided on first use (the public-suffix look-up is the dearest part of
+    // a load, and most loads meet no rule with a load-type), so a prepared
+    // load belongs to one thread at a time.
+    bool isThirdParty() const;
+
+    // A 4-byte piece of the lower-cased URL with its hash.
+    struct Gram {
+        std::uint32_t gram;
+        std::uint32_t hash;
+    };
+    // A host of the main document (the host itself and its parent domains).
+    struct Site {
+        std::uint64_t site;
+        std::uint32_t hash;
+    };
 
 private:
     friend class ContentRuleMatcher;
     CanonicalURL url_;
     CanonicalURL main_;
     std::string lowerURL_;
-    std::string lowerMain_;
-    std::vector<std::uint32_t> grams_;  // the 4-byte pieces of lowerURL_
-    std::vector<std::uint64_t> sites_;  // hashes of the main document's host and its parent domains
+    std::vector<Gram> grams_;  // every 4-byte piece of lowerURL_, in order
+    std::vector<Site> sites_;
+    // Which piece hashes the URL holds (12 bits of each): a rule's second
+    // piece is looked up here before the rule itself is read.
+    std::uint64_t pieceSet_[64] = {};
     LoadResourceType type_ = LoadResourceType::document;
-    bool thirdParty_ = false;
+    mutable std::int8_t thirdParty_ = -1;  // -1: not decided yet
+
+    // Whether the URL may hold the piece of a posting's check (0: no check).
+    bool mayHold(std::uint16_t check) const {
+        const unsigned piece = check & 0xFFFu;
+        return check == 0 || (pieceSet_[piece / 64] >> (piece % 64) & 1) != 0;
+    }
 };
 
 // What one list does to one load.
