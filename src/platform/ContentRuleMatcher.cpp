@@ -311,8 +311,8 @@ std::uint32_t gramAt(const char* text) {
 }
 
 // Every bit of the hash depends on every byte of the piece: the piece filter
-// takes its bits from the low end, the table its slot from the low end, and
-// the filter's word and the second-piece check from the high end.
+// takes its two bits from the low end, its word and the tables their slots
+// from the high end, and the second-piece check from the middle.
 std::uint32_t mix(std::uint32_t gram) {
     std::uint32_t h = gram;
     h ^= h >> 16;
@@ -327,9 +327,10 @@ std::uint64_t filterBits(std::uint32_t hash) {
     return (std::uint64_t{1} << (hash & 63)) | (std::uint64_t{1} << ((hash >> 6) & 63));
 }
 
-// A key's word among `words`.
-std::size_t filterWord(std::uint32_t hash, std::size_t words) {
-    return static_cast<std::size_t>((std::uint64_t{hash} * words) >> 32);
+// A key's place among `size` (the filter's word, a table's home slot), from
+// the high bits of its hash.
+std::size_t placeOf(std::uint32_t hash, std::size_t size) {
+    return static_cast<std::size_t>((std::uint64_t{hash} * size) >> 32);
 }
 
 // A piece's bit in a load's piece set.
@@ -467,17 +468,22 @@ struct ContentRuleMatcher::Segment {
         std::vector<std::string> suffixes;  // "*host": the host and its subdomains
         std::vector<std::uint32_t> topPatterns;
     };
-    struct GramSlot {
-        std::uint32_t gram = 0;  // 0: empty (no URL holds a NUL byte)
-        std::uint32_t begin = 0, end = 0;
-    };
     // A rule filed under a piece, with what rules out most candidates
     // before the rule itself is read: the loads it covers and a second piece
     // of its url-filter.
     struct Posting {
-        std::uint32_t rule;
-        std::uint16_t loads;  // resource-type bits, then first-party and third-party
-        std::uint16_t check;  // checkOf() the second piece; 0: none
+        std::uint32_t rule = 0;
+        std::uint16_t loads = 0;  // resource-type bits, then first-party and third-party, then lastPosting
+        std::uint16_t check = 0;  // checkOf() the second piece; 0: none
+    };
+    static constexpr std::uint16_t lastPosting = 0x8000;
+    // A piece's first posting sits in its slot, so that a piece with one rule
+    // (most of them) costs one read; the others follow in `postings` from
+    // `more` on, the last one marked.
+    struct GramSlot {
+        std::uint32_t gram = 0;  // 0: empty (no URL holds a NUL byte)
+        std::uint32_t more = 0;  // 0: none
+        Posting first;
     };
 
     std::string arena;
@@ -494,12 +500,17 @@ struct ContentRuleMatcher::Segment {
     std::vector<GramSlot> table;
     std::vector<Posting> postings;
     std::vector<std::uint32_t> always;  // rules with no piece to file them under
+    std::size_t filedByPiece = 0;
     // Match-all filters with an if-domain list, filed under the hash of each
-    // of its hosts (a collision only adds a candidate that the check refuses).
+    // of its hosts (a collision only adds a candidate that the check refuses);
+    // as with pieces, the first rule sits in the slot, the others follow in
+    // `sitePostings` from `more` on, the last one marked.
     struct SiteSlot {
         std::uint64_t site = 0;  // 0: empty
-        std::uint32_t begin = 0, end = 0;
+        std::uint32_t first = 0;
+        std::uint32_t more = 0;  // 0: none
     };
+    static constexpr std::uint32_t lastSitePosting = 0x80000000u;
     std::vector<SiteSlot> siteTable;
     std::vector<std::uint32_t> sitePostings;
 
@@ -550,7 +561,7 @@ struct ContentRuleMatcher::Segment {
     void build(const std::vector<EntryView>& entries, bool collectGlobalSheet);
     bool mayHold(std::uint32_t key) const {
         const std::uint64_t bits = filterBits(key);
-        return (filter[filterWord(key, filter.size())] & bits) == bits;
+        return (filter[placeOf(key, filter.size())] & bits) == bits;
     }
     void collect(const PreparedLoad& load, std::vector<std::uint32_t>& out) const;
     bool fires(const Rule& rule, const PreparedLoad& load) const;
@@ -709,70 +720,87 @@ void ContentRuleMatcher::Segment::build(const std::vector<EntryView>& entries, b
     for (size_t i = 0; i < sites.size(); ++i)
         if (i == 0 || sites[i].first != sites[i - 1].first) ++distinctSites;
     filter.assign(std::max<std::size_t>(1, (distinct + distinctSites + 3) / 4), 0);
-    const auto file = [this](std::uint32_t key) { filter[filterWord(key, filter.size())] |= filterBits(key); };
+    const auto file = [this](std::uint32_t key) { filter[placeOf(key, filter.size())] |= filterBits(key); };
 
-    std::size_t capacity = 16;
-    while (capacity < distinct * 2) capacity *= 2;
-    table.assign(distinct ? capacity : 0, GramSlot{});
-    postings.reserve(filed.size());
+    // Open addressing, two thirds full at most (the filter keeps most
+    // absent pieces away from the table).
+    filedByPiece = filed.size();
+    table.assign(distinct ? distinct + distinct / 2 + 1 : 0, GramSlot{});
+    postings.reserve(filed.size() - distinct + 1);
+    postings.emplace_back();  // `more` 0 means none
     for (size_t i = 0; i < filed.size();) {
         const std::uint32_t gram = filed[i].gram;
-        const auto begin = static_cast<std::uint32_t>(postings.size());
-        for (; i < filed.size() && filed[i].gram == gram; ++i) postings.push_back(filed[i].posting);
         const std::uint32_t h = mix(gram);
-        size_t slot = h & (table.size() - 1);
-        while (table[slot].gram != 0) slot = (slot + 1) & (table.size() - 1);
-        table[slot] = GramSlot{gram, begin, static_cast<std::uint32_t>(postings.size())};
+        size_t slot = placeOf(h, table.size());
+        while (table[slot].gram != 0) slot = slot + 1 == table.size() ? 0 : slot + 1;
+        table[slot] = GramSlot{gram, 0, filed[i++].posting};
+        if (i < filed.size() && filed[i].gram == gram) {
+            table[slot].more = static_cast<std::uint32_t>(postings.size());
+            for (; i < filed.size() && filed[i].gram == gram; ++i) postings.push_back(filed[i].posting);
+            postings.back().loads |= lastPosting;
+        }
         file(h);
     }
+    postings.shrink_to_fit();
 
-    capacity = 16;
-    while (capacity < distinctSites * 2) capacity *= 2;
-    siteTable.assign(distinctSites ? capacity : 0, SiteSlot{});
-    sitePostings.reserve(sites.size());
+    siteTable.assign(distinctSites ? distinctSites + distinctSites / 2 + 1 : 0, SiteSlot{});
+    sitePostings.reserve(sites.size() - distinctSites + 1);
+    sitePostings.push_back(0);  // `more` 0 means none
     for (size_t i = 0; i < sites.size();) {
         const std::uint64_t site = sites[i].first;
-        const auto begin = static_cast<std::uint32_t>(sitePostings.size());
-        for (; i < sites.size() && sites[i].first == site; ++i) sitePostings.push_back(sites[i].second);
-        file(siteKey(site));
-        size_t slot = (site >> 7) & (siteTable.size() - 1);
-        while (siteTable[slot].site != 0) slot = (slot + 1) & (siteTable.size() - 1);
-        siteTable[slot] = SiteSlot{site, begin, static_cast<std::uint32_t>(sitePostings.size())};
+        const std::uint32_t key = siteKey(site);
+        size_t slot = placeOf(key, siteTable.size());
+        while (siteTable[slot].site != 0) slot = slot + 1 == siteTable.size() ? 0 : slot + 1;
+        siteTable[slot] = SiteSlot{site, sites[i++].second, 0};
+        if (i < sites.size() && sites[i].first == site) {
+            siteTable[slot].more = static_cast<std::uint32_t>(sitePostings.size());
+            for (; i < sites.size() && sites[i].first == site; ++i) sitePostings.push_back(sites[i].second);
+            sitePostings.back() |= lastSitePosting;
+        }
+        file(key);
     }
+    sitePostings.shrink_to_fit();
 }
 
 void ContentRuleMatcher::Segment::collect(const PreparedLoad& load, std::vector<std::uint32_t>& out) const {
     out.clear();
+    const std::uint16_t typeBit = bit(load.type_);
+    const auto take = [&](Posting posting) {
+        if (!(posting.loads & typeBit) || !load.mayHold(posting.check)) return;
+        const unsigned party = (posting.loads >> loadTypeNames.size()) & 3;
+        if (party != (firstPartyBit | thirdPartyBit) && !(party & (load.isThirdParty() ? thirdPartyBit : firstPartyBit)))
+            return;
+        out.push_back(posting.rule);
+    };
     if (!table.empty()) {
-        const std::uint32_t mask = static_cast<std::uint32_t>(table.size() - 1);
-        const std::uint16_t typeBit = bit(load.type_);
         for (const auto [gram, h] : load.grams_) {
             if (!mayHold(h)) continue;
-            for (std::uint32_t slot = h & mask; table[slot].gram != 0; slot = (slot + 1) & mask) {
+            for (size_t slot = placeOf(h, table.size()); table[slot].gram != 0;
+                 slot = slot + 1 == table.size() ? 0 : slot + 1) {
                 if (table[slot].gram != gram) continue;
-                for (std::uint32_t p = table[slot].begin; p < table[slot].end; ++p) {
-                    const Posting posting = postings[p];
-                    if (!(posting.loads & typeBit) || !load.mayHold(posting.check)) continue;
-                    const unsigned party = posting.loads >> loadTypeNames.size();
-                    if (party != (firstPartyBit | thirdPartyBit) &&
-                        !(party & (load.isThirdParty() ? thirdPartyBit : firstPartyBit)))
-                        continue;
-                    out.push_back(posting.rule);
-                }
+                take(table[slot].first);
+                if (table[slot].more)
+                    for (std::uint32_t p = table[slot].more;; ++p) {
+                        take(postings[p]);
+                        if (postings[p].loads & lastPosting) break;
+                    }
                 break;
             }
         }
     }
     if (!siteTable.empty()) {
-        const std::size_t mask = siteTable.size() - 1;
         for (const auto [site, key] : load.sites_) {
             if (!mayHold(key)) continue;
-            for (std::size_t slot = (site >> 7) & mask; siteTable[slot].site != 0; slot = (slot + 1) & mask) {
-                if (siteTable[slot].site == site) {
-                    out.insert(out.end(), sitePostings.begin() + siteTable[slot].begin,
-                               sitePostings.begin() + siteTable[slot].end);
-                    break;
-                }
+            for (size_t slot = placeOf(key, siteTable.size()); siteTable[slot].site != 0;
+                 slot = slot + 1 == siteTable.size() ? 0 : slot + 1) {
+                if (siteTable[slot].site != site) continue;
+                out.push_back(siteTable[slot].first);
+                if (siteTable[slot].more)
+                    for (std::uint32_t p = siteTable[slot].more;; ++p) {
+                        out.push_back(sitePostings[p] & ~lastSitePosting);
+                        if (sitePostings[p] & lastSitePosting) break;
+                    }
+                break;
             }
         }
     }
@@ -1025,10 +1053,10 @@ ContentRuleListEffects ContentRuleMatcher::evaluate(const PreparedLoad& load) co
 ContentRuleMatcher::IndexStatistics ContentRuleMatcher::indexStatistics() const {
     IndexStatistics statistics;
     for (const Segment* segment : {body_.get(), tail_.get()}) {
-        statistics.byPiece += segment->postings.size();
+        statistics.byPiece += segment->filedByPiece;
         statistics.always += segment->always.size();
         statistics.globalStyleSheet += segment->globalSheet.size();
-        statistics.bySite += segment->rules.size() - segment->postings.size() - segment->always.size();
+        statistics.bySite += segment->rules.size() - segment->filedByPiece - segment->always.size();
     }
     return statistics;
 }
