@@ -1098,6 +1098,7 @@ std::optional<PreparedLoad> PreparedLoad::prepare(const ContentLoad& load) {
         const unsigned piece = checkOf(hash) & 0xFFF;
         prepared.pieceSet_[piece / 64] |= std::uint64_t{1} << (piece % 64);
     }
+    prepared.sites_.reserve(4);
     for (std::string_view host = main->host; !host.empty();) {
         const std::uint64_t site = siteHash(host);
         prepared.sites_.push_back({site, siteKey(site)});
@@ -1125,6 +1126,7 @@ LoadEffects evaluateLoad(std::span<const NamedContentRuleMatcher> matchers, cons
         return result;
     }
     result.evaluated = true;
+    result.stylesheetAppliedFor.reserve(matchers.size());
     bool makeHttps = false;
     for (const auto& [identifier, matcher] : matchers) {
         if (!matcher) continue;
