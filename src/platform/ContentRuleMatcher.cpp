@@ -275,6 +275,45 @@ private:
     PatternShape shape_;
 };
 
+// The host of a url-filter that is the usual "this host and its subdomains"
+// anchor, ^[^:]+://+([^:/]+\.)?HOST[:/], with HOST a plain host name (letters,
+// digits, '-', '_' and escaped dots); nothing for any other filter.
+std::optional<std::string> anchoredHost(std::string_view pattern) {
+    constexpr std::string_view prefix = "^[^:]+://+([^:/]+\\.)?", suffix = "[:/]";
+    if (!pattern.starts_with(prefix) || !pattern.ends_with(suffix) || pattern.size() == prefix.size() + suffix.size())
+        return std::nullopt;
+    const std::string_view middle = pattern.substr(prefix.size(), pattern.size() - prefix.size() - suffix.size());
+    std::string host;
+    for (size_t i = 0; i < middle.size(); ++i) {
+        const char c = middle[i];
+        if (c == '\\' && i + 1 < middle.size() && middle[i + 1] == '.') {
+            host += '.';
+            ++i;
+        } else if (std::isalnum(static_cast<unsigned char>(c)) || c == '-' || c == '_') {
+            host += c;
+        } else {
+            return std::nullopt;
+        }
+    }
+    return host;
+}
+
+// What ^[^:]+://+([^:/]+\.)?HOST[:/] answers for `url`: after the scheme and
+// its slashes, the authority up to the first ':' or '/' (which must follow)
+// is HOST, or ends with "." HOST with at least one character before the dot.
+bool hostAnchorMatches(std::string_view url, std::string_view host) {
+    const size_t colon = url.find(':');
+    if (colon == 0 || colon == std::string_view::npos || url.substr(colon + 1, 2) != "//") return false;
+    size_t start = colon + 3;
+    while (start < url.size() && url[start] == '/') ++start;
+    const size_t end = url.find_first_of(":/", start);
+    if (end == std::string_view::npos) return false;
+    const std::string_view authority = url.substr(start, end - start);
+    if (!authority.ends_with(host)) return false;
+    const size_t before = authority.size() - host.size();
+    return before == 0 || (before >= 2 && authority[before - 1] == '.');
+}
+
 PatternShape analyse(std::string_view pattern) {
     auto shape = PatternTranslator(pattern).read();
     if (!shape.pureLiteral) shape.literal.clear();
@@ -458,6 +497,7 @@ struct ContentRuleMatcher::Segment {
         bool caseSensitive = false;
         bool universal = false;
         bool pureLiteral = false;
+        bool hostAnchored = false;  // literal is the host of anchoredHost()
         bool anchoredStart = false;
         bool anchoredEnd = false;
     };
@@ -612,8 +652,14 @@ void ContentRuleMatcher::Segment::build(const std::vector<EntryView>& entries, b
                 rule.literal = store(literal);
                 rule.literalLength = static_cast<std::uint32_t>(literal.size());
             }
+            if (auto host = anchoredHost(e.filter)) {
+                rule.hostAnchored = true;
+                if (!e.caseSensitive) *host = lowered(*host);
+                rule.literal = store(*host);
+                rule.literalLength = static_cast<std::uint32_t>(host->size());
+            }
             runs = std::move(shape.runs);
-            if (!rule.pureLiteral && !runs.empty()) {
+            if (!rule.pureLiteral && !rule.hostAnchored && !runs.empty()) {
                 const auto longest = std::max_element(runs.begin(), runs.end(), [](const auto& a, const auto& b) {
                     return a.size() < b.size();
                 });
@@ -812,6 +858,8 @@ void ContentRuleMatcher::Segment::collect(const PreparedLoad& load, std::vector<
 
 bool ContentRuleMatcher::Segment::urlMatches(const Rule& rule, std::string_view url, std::string_view lowerURL) const {
     if (rule.universal) return true;
+    if (rule.hostAnchored)
+        return hostAnchorMatches(rule.caseSensitive ? url : lowerURL, text(rule.literal, rule.literalLength));
     if (rule.pureLiteral) {
         const std::string_view subject = rule.caseSensitive ? url : lowerURL;
         const std::string_view literal = text(rule.literal, rule.literalLength);

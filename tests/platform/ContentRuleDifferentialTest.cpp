@@ -214,5 +214,39 @@ TEST(ContentRuleDifferentialTest, FastMatcherAgreesWithRuleByRuleEvaluation) {
     }
 }
 
+// The "host and its subdomains" anchor is answered without a regular
+// expression; these are the URLs where a hand-written answer could go wrong.
+TEST(ContentRuleDifferentialTest, HostAnchorsAgreeWithTheRegularExpression) {
+    const std::vector<std::string> hosts{"ads.example", "Ads.example", "a-b_c.example", ".example", "example"};
+    const std::vector<std::string> urls{
+        "https://ads.example/",          "https://ADS.Example/x",          "https://sub.ads.example/",
+        "http://a.b.ads.example:8080/",  "https://badads.example/",        "https://ads.example.com/",
+        "https://ads.examplex/",         "https://user@ads.example/",      "https://user@x.ads.example/",
+        "https://user:pw@ads.example/",  "https://.ads.example/",          "https://x..ads.example/",
+        "ws://ads.example",              "https://ads.example?q=ads.example/", "about:ads.example/",
+        "foo://ads.example/",            "foo:///ads.example/",            "https://a-b_c.example/",
+        "https://x.a-b_c.example/p",     "https://example/",               "https://www.example/",
+        "https://ads.example:443/",      "https://p.example/?u=https://ads.example/", "foo:/ads.example/",
+        "foo://ADS.example/",            "foo://ads.example",              "foo://x.ads.example?/"};
+    std::vector<std::string> sheet;
+    for (const auto& host : hosts)
+        for (const bool caseSensitive : {false, true}) {
+            std::string escaped;  // "\\." in the JSON text: a dot, not any character
+            for (char c : host) escaped += c == '.' ? std::string(R"(\\.)") : std::string(1, c);
+            const std::string json = std::string(R"([{"trigger":{"url-filter":"^[^:]+://+([^:/]+\\.)?)") + escaped +
+                                     R"([:/]","url-filter-is-case-sensitive":)" + (caseSensitive ? "true" : "false") +
+                                     R"(},"action":{"type":"block"}}])";
+            auto matcher = ContentRuleMatcher::compile(json);
+            ASSERT_TRUE(matcher) << json;
+            for (const auto& url : urls) {
+                const ContentLoad load{url, "https://page.example/", LoadResourceType::image};
+                const auto prepared = PreparedLoad::prepare(load);
+                if (!prepared) continue;
+                EXPECT_EQ((*matcher)->evaluate(*prepared).blocked, plainEvaluate(json, load, sheet).blocked)
+                    << json << " on " << url;
+            }
+        }
+}
+
 }  // namespace
 }  // namespace tamsel::platform
