@@ -129,7 +129,7 @@ public:
         const std::string& host = pick(hosts_);
         std::string escaped;
         for (char c : host) escaped += c == '.' ? std::string("\\\\.") : std::string(1, c);
-        switch (std::uniform_int_distribution<int>(0, 11)(random_)) {
+        switch (std::uniform_int_distribution<int>(0, 13)(random_)) {
         case 0: return "^[^:]+://+([^:/]+\\\\.)?" + escaped + "[:/]";
         case 1: return escaped;
         case 2: return "^https?://" + escaped + "/";
@@ -141,6 +141,8 @@ public:
         case 8: return pick(words_) + "[0-9]+/";
         case 9: return "^wss?://" + escaped;
         case 10: return "/" + pick(words_) + "s?/" + "b*" + pick(words_);
+        case 12: return "^[^:]+://+([^:/]+\\\\.)?" + escaped + pick(paths_) + ".*\\\\.gif";
+        case 13: return pick(paths_) + ".*" + pick(words_) + "[0-9]/";
         default: return "^https://" + escaped + "/" + pick(words_) + "$";
         }
     }
@@ -158,10 +160,19 @@ public:
             if (chance(0.2)) trigger += chance(0.5) ? ",\"load-type\":[\"third-party\"]" : ",\"load-type\":[\"first-party\"]";
             const int condition = std::uniform_int_distribution<int>(0, 9)(random_);
             const std::string domain = (chance(0.5) ? "*" : "") + pick(hosts_);
-            if (condition == 0) trigger += ",\"if-domain\":[\"" + domain + "\"]";
-            if (condition == 1) trigger += ",\"unless-domain\":[\"" + domain + "\"]";
-            if (condition == 2) trigger += ",\"if-top-url\":[\"" + pick(words_) + "\"]";
-            if (condition == 3) trigger += ",\"unless-top-url\":[\"^https://" + pick(hosts_) + "\"]";
+            if (chance(0.1)) {
+                // Filed by site: a match-all filter for a few sites, often the same ones.
+                trigger = "\"url-filter\":\".*\",\"if-domain\":[\"" + domain + "\",\"*" + pick(hosts_) + "\"]";
+                if (chance(0.3)) trigger += ",\"load-type\":[\"third-party\"]";
+            } else if (condition == 0) {
+                trigger += ",\"if-domain\":[\"" + domain + "\"]";
+            } else if (condition == 1) {
+                trigger += ",\"unless-domain\":[\"" + domain + "\"]";
+            } else if (condition == 2) {
+                trigger += ",\"if-top-url\":[\"" + pick(words_) + "\"]";
+            } else if (condition == 3) {
+                trigger += ",\"unless-top-url\":[\"^https://" + pick(hosts_) + "\"]";
+            }
             const std::string& action = pick(actions);
             std::string actionJSON = "\"type\":\"" + action + "\"";
             if (action == "css-display-none") actionJSON += ",\"selector\":\"." + pick(words_) + std::to_string(i) + "\"";
