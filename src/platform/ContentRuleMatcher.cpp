@@ -350,7 +350,7 @@ std::uint32_t gramAt(const char* text) {
 }
 
 // Every bit of the hash depends on every byte of the piece: the piece filter
-// takes its two bits from the low end, its word and the tables their slots
+// takes its three bits from the low end, its word and the tables their slots
 // from the high end, and the second-piece check from the middle.
 std::uint32_t mix(std::uint32_t gram) {
     std::uint32_t h = gram;
@@ -361,9 +361,10 @@ std::uint32_t mix(std::uint32_t gram) {
     return h ^ (h >> 16);
 }
 
-// The two bits of its word the piece filter sets for a key.
+// The three bits of its word the piece filter sets for a key.
 std::uint64_t filterBits(std::uint32_t hash) {
-    return (std::uint64_t{1} << (hash & 63)) | (std::uint64_t{1} << ((hash >> 6) & 63));
+    return (std::uint64_t{1} << (hash & 63)) | (std::uint64_t{1} << ((hash >> 6) & 63)) |
+           (std::uint64_t{1} << ((hash >> 12) & 63));
 }
 
 // A key's place among `size` (the filter's word, a table's home slot), from
@@ -535,7 +536,7 @@ struct ContentRuleMatcher::Segment {
     mutable std::atomic<std::size_t> compiledRegexBytes{0};
 
     // Which pieces and sites any rule is filed under: a blocked Bloom
-    // filter, two bits in one word per key, about 16 bits a key.
+    // filter, three bits in one word per key, about 16 bits a key.
     std::vector<std::uint64_t> filter;
     std::vector<GramSlot> table;
     std::vector<Posting> postings;
