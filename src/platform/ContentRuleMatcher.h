@@ -32,9 +32,13 @@
 //
 // Speed: every url-filter is split into the literal runs a match must
 // contain; each rule is filed under its rarest 4-byte piece, so a load looks
-// at the few rules whose piece occurs in its URL. Filters that are a plain
-// literal are compared directly; the others are confirmed with RE2 (linear
-// time, so no pattern can make a load slow), compiled on first use.
+// at the few rules whose piece occurs in its URL. A Bloom filter in front of
+// the piece table keeps most of the URL's pieces from reaching it, and each
+// filed rule carries the loads it covers and a second piece, so that most
+// candidates are dropped before the rule is read. Filters that are a plain
+// literal, or the usual "host and its subdomains" anchor, are answered
+// directly; the others are confirmed with RE2 (linear time, so no pattern
+// can make a load slow), compiled on first use.
 namespace tamsel::platform {
 
 // What a page loads, in Safari's vocabulary ("raw" in a rule covers the last four).
