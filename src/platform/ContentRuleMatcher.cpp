@@ -275,6 +275,45 @@ private:
     PatternShape shape_;
 };
 
+// The host of a url-filter that is the usual "this host and its subdomains"
+// anchor, ^[^:]+://+([^:/]+\.)?HOST[:/], with HOST a plain host name (letters,
+// digits, '-', '_' and escaped dots); nothing for any other filter.
+std::optional<std::string> anchoredHost(std::string_view pattern) {
+    constexpr std::string_view prefix = "^[^:]+://+([^:/]+\\.)?", suffix = "[:/]";
+    if (!pattern.starts_with(prefix) || !pattern.ends_with(suffix) || pattern.size() == prefix.size() + suffix.size())
+        return std::nullopt;
+    const std::string_view middle = pattern.substr(prefix.size(), pattern.size() - prefix.size() - suffix.size());
+    std::string host;
+    for (size_t i = 0; i < middle.size(); ++i) {
+        const char c = middle[i];
+        if (c == '\\' && i + 1 < middle.size() && middle[i + 1] == '.') {
+            host += '.';
+            ++i;
+        } else if (std::isalnum(static_cast<unsigned char>(c)) || c == '-' || c == '_') {
+            host += c;
+        } else {
+            return std::nullopt;
+        }
+    }
+    return host;
+}
+
+// What ^[^:]+://+([^:/]+\.)?HOST[:/] answers for `url`: after the scheme and
+// its slashes, the authority up to the first ':' or '/' (which must follow)
+// is HOST, or ends with "." HOST with at least one character before the dot.
+bool hostAnchorMatches(std::string_view url, std::string_view host) {
+    const size_t colon = url.find(':');
+    if (colon == 0 || colon == std::string_view::npos || url.substr(colon + 1, 2) != "//") return false;
+    size_t start = colon + 3;
+    while (start < url.size() && url[start] == '/') ++start;
+    const size_t end = url.find_first_of(":/", start);
+    if (end == std::string_view::npos) return false;
+    const std::string_view authority = url.substr(start, end - start);
+    if (!authority.ends_with(host)) return false;
+    const size_t before = authority.size() - host.size();
+    return before == 0 || (before >= 2 && authority[before - 1] == '.');
+}
+
 PatternShape analyse(std::string_view pattern) {
     auto shape = PatternTranslator(pattern).read();
     if (!shape.pureLiteral) shape.literal.clear();
@@ -310,10 +349,33 @@ std::uint32_t gramAt(const char* text) {
     return value;
 }
 
+// Every bit of the hash depends on every byte of the piece: the piece filter
+// takes its three bits from the low end, its word and the tables their slots
+// from the high end, and the second-piece check from the middle.
 std::uint32_t mix(std::uint32_t gram) {
-    std::uint32_t h = gram * 0x9E3779B1u;
-    return h ^ (h >> 15);
+    std::uint32_t h = gram;
+    h ^= h >> 16;
+    h *= 0x85EBCA6Bu;
+    h ^= h >> 13;
+    h *= 0xC2B2AE35u;
+    return h ^ (h >> 16);
 }
+
+// The three bits of its word the piece filter sets for a key.
+std::uint64_t filterBits(std::uint32_t hash) {
+    return (std::uint64_t{1} << (hash & 63)) | (std::uint64_t{1} << ((hash >> 6) & 63)) |
+           (std::uint64_t{1} << ((hash >> 12) & 63));
+}
+
+// A key's place among `size` (the filter's word, a table's home slot), from
+// the high bits of its hash.
+std::size_t placeOf(std::uint32_t hash, std::size_t size) {
+    return static_cast<std::size_t>((std::uint64_t{hash} * size) >> 32);
+}
+
+// A piece's bit in a load's piece set.
+constexpr std::uint16_t checkPresent = 0x8000;
+std::uint16_t checkOf(std::uint32_t hash) { return static_cast<std::uint16_t>(checkPresent | ((hash >> 16) & 0xFFF)); }
 
 // Pieces every URL has; a rule is filed under one of them only when it has nothing else.
 bool isCommonGram(std::string_view gram) {
@@ -412,6 +474,11 @@ std::optional<EntryView> readEntry(simdjson::dom::element element) {
 // Never 0, which marks an empty slot.
 std::uint64_t siteHash(std::string_view host) { return fnv(0xCBF29CE484222325ull, host) | 1; }
 
+// A site's key in the piece filter.
+std::uint32_t siteKey(std::uint64_t site) {
+    return mix(static_cast<std::uint32_t>(site >> 32) ^ static_cast<std::uint32_t>(site) ^ 0x5173u);
+}
+
 bool universal(std::string_view filter) { return validateURLFilter(filter) == URLFilterStatus::matchesEverything; }
 
 }  // namespace
@@ -431,6 +498,7 @@ struct ContentRuleMatcher::Segment {
         bool caseSensitive = false;
         bool universal = false;
         bool pureLiteral = false;
+        bool hostAnchored = false;  // literal is the host of anchoredHost()
         bool anchoredStart = false;
         bool anchoredEnd = false;
     };
@@ -441,9 +509,22 @@ struct ContentRuleMatcher::Segment {
         std::vector<std::string> suffixes;  // "*host": the host and its subdomains
         std::vector<std::uint32_t> topPatterns;
     };
+    // A rule filed under a piece, with what rules out most candidates
+    // before the rule itself is read: the loads it covers and a second piece
+    // of its url-filter.
+    struct Posting {
+        std::uint32_t rule = 0;
+        std::uint16_t loads = 0;  // resource-type bits, then first-party and third-party, then lastPosting
+        std::uint16_t check = 0;  // checkOf() the second piece; 0: none
+    };
+    static constexpr std::uint16_t lastPosting = 0x8000;
+    // A piece's first posting sits in its slot, so that a piece with one rule
+    // (most of them) costs one read; the others follow in `postings` from
+    // `more` on, the last one marked.
     struct GramSlot {
         std::uint32_t gram = 0;  // 0: empty (no URL holds a NUL byte)
-        std::uint32_t begin = 0, end = 0;
+        std::uint32_t more = 0;  // 0: none
+        Posting first;
     };
 
     std::string arena;
@@ -454,17 +535,23 @@ struct ContentRuleMatcher::Segment {
     std::unique_ptr<std::atomic<const RE2*>[]> topRegexes;
     mutable std::atomic<std::size_t> compiledRegexBytes{0};
 
-    std::vector<std::uint64_t> bitmap;  // which pieces any rule is filed under
-    unsigned bitmapShift = 32;
+    // Which pieces and sites any rule is filed under: a blocked Bloom
+    // filter, three bits in one word per key, about 16 bits a key.
+    std::vector<std::uint64_t> filter;
     std::vector<GramSlot> table;
-    std::vector<std::uint32_t> postings;
+    std::vector<Posting> postings;
     std::vector<std::uint32_t> always;  // rules with no piece to file them under
+    std::size_t filedByPiece = 0;
     // Match-all filters with an if-domain list, filed under the hash of each
-    // of its hosts (a collision only adds a candidate that the check refuses).
+    // of its hosts (a collision only adds a candidate that the check refuses);
+    // as with pieces, the first rule sits in the slot, the others follow in
+    // `sitePostings` from `more` on, the last one marked.
     struct SiteSlot {
         std::uint64_t site = 0;  // 0: empty
-        std::uint32_t begin = 0, end = 0;
+        std::uint32_t first = 0;
+        std::uint32_t more = 0;  // 0: none
     };
+    static constexpr std::uint32_t lastSitePosting = 0x80000000u;
     std::vector<SiteSlot> siteTable;
     std::vector<std::uint32_t> sitePostings;
 
@@ -490,8 +577,9 @@ struct ContentRuleMatcher::Segment {
 
     std::size_t memoryUsage() const {
         std::size_t bytes = sizeof *this + arena.capacity() + rules.capacity() * sizeof(Rule) +
-                            rules.size() * sizeof(void*) + bitmap.capacity() * 8 + table.capacity() * sizeof(GramSlot) +
-                            (postings.capacity() + always.capacity()) * 4 + compiledRegexBytes.load();
+                            rules.size() * sizeof(void*) + filter.capacity() * 8 + table.capacity() * sizeof(GramSlot) +
+                            postings.capacity() * sizeof(Posting) + always.capacity() * 4 +
+                            compiledRegexBytes.load();
         for (const auto& condition : conditions) {
             bytes += sizeof condition + condition.topPatterns.capacity() * 4;
             for (const auto& host : condition.hosts) bytes += sizeof host + host.capacity();
@@ -512,11 +600,14 @@ struct ContentRuleMatcher::Segment {
     }
 
     void build(const std::vector<EntryView>& entries, bool collectGlobalSheet);
+    bool mayHold(std::uint32_t key) const {
+        const std::uint64_t bits = filterBits(key);
+        return (filter[placeOf(key, filter.size())] & bits) == bits;
+    }
     void collect(const PreparedLoad& load, std::vector<std::uint32_t>& out) const;
-    bool fires(const Rule& rule, const PreparedLoad& load, std::string_view lowerURL,
-               std::string_view lowerMain) const;
+    bool fires(const Rule& rule, const PreparedLoad& load) const;
     bool urlMatches(const Rule& rule, std::string_view url, std::string_view lowerURL) const;
-    bool conditionHolds(const Condition& condition, const PreparedLoad& load, std::string_view lowerMain) const;
+    bool conditionHolds(const Condition& condition, const PreparedLoad& load) const;
 };
 
 void ContentRuleMatcher::Segment::build(const std::vector<EntryView>& entries, bool collectGlobalSheet) {
@@ -562,8 +653,14 @@ void ContentRuleMatcher::Segment::build(const std::vector<EntryView>& entries, b
                 rule.literal = store(literal);
                 rule.literalLength = static_cast<std::uint32_t>(literal.size());
             }
+            if (auto host = anchoredHost(e.filter)) {
+                rule.hostAnchored = true;
+                if (!e.caseSensitive) *host = lowered(*host);
+                rule.literal = store(*host);
+                rule.literalLength = static_cast<std::uint32_t>(host->size());
+            }
             runs = std::move(shape.runs);
-            if (!rule.pureLiteral && !runs.empty()) {
+            if (!rule.pureLiteral && !rule.hostAnchored && !runs.empty()) {
                 const auto longest = std::max_element(runs.begin(), runs.end(), [](const auto& a, const auto& b) {
                     return a.size() < b.size();
                 });
@@ -603,7 +700,11 @@ void ContentRuleMatcher::Segment::build(const std::vector<EntryView>& entries, b
     for (const auto& runs : runsOf)
         eachGram(runs, [&](std::string_view gram) { ++counts[mix(gramAt(gram.data())) >> (32 - countBits)]; });
 
-    std::vector<std::pair<std::uint32_t, std::uint32_t>> filed;  // piece, rule
+    struct Filed {
+        std::uint32_t gram;
+        Posting posting;
+    };
+    std::vector<Filed> filed;
     filed.reserve(rules.size());
     std::vector<std::pair<std::uint64_t, std::uint32_t>> sites;  // site, rule
     for (std::uint32_t index = 0; index < rules.size(); ++index) {
@@ -614,102 +715,152 @@ void ContentRuleMatcher::Segment::build(const std::vector<EntryView>& entries, b
             for (const auto& host : condition.suffixes) sites.emplace_back(siteHash(host), index);
             continue;
         }
+        // Filed under its rarest piece; the rarest of the others that does
+        // not overlap it (any other when all do) is the second piece.
+        const auto cost = [&](std::string_view gram) {
+            return counts[mix(gramAt(gram.data())) >> (32 - countBits)] + (isCommonGram(gram) ? 1'000'000'000ull : 0);
+        };
+        const auto& runs = runsOf[index];
         std::optional<std::uint32_t> best;
+        std::size_t bestRun = 0, bestAt = 0;
         std::uint64_t bestCost = std::numeric_limits<std::uint64_t>::max();
-        eachGram(runsOf[index], [&](std::string_view gram) {
-            const std::uint32_t value = gramAt(gram.data());
-            const std::uint64_t cost =
-                counts[mix(value) >> (32 - countBits)] + (isCommonGram(gram) ? 1'000'000'000ull : 0);
-            if (cost < bestCost) {
-                bestCost = cost;
-                best = value;
+        for (size_t r = 0; r < runs.size(); ++r)
+            for (size_t i = 0; i + 4 <= runs[r].size(); ++i)
+                if (const auto c = cost(std::string_view(runs[r]).substr(i, 4)); c < bestCost) {
+                    bestCost = c;
+                    best = gramAt(runs[r].data() + i);
+                    bestRun = r;
+                    bestAt = i;
+                }
+        if (!best) {
+            always.push_back(index);
+            continue;
+        }
+        std::optional<std::uint32_t> second;
+        std::uint64_t secondCost = std::numeric_limits<std::uint64_t>::max();
+        bool secondApart = false;
+        for (size_t r = 0; r < runs.size(); ++r)
+            for (size_t i = 0; i + 4 <= runs[r].size(); ++i) {
+                const std::uint32_t value = gramAt(runs[r].data() + i);
+                if (value == *best) continue;
+                const bool apart = r != bestRun || i + 4 <= bestAt || bestAt + 4 <= i;
+                const auto c = cost(std::string_view(runs[r]).substr(i, 4));
+                if ((apart && !secondApart) || (apart == secondApart && c < secondCost)) {
+                    second = value;
+                    secondCost = c;
+                    secondApart = apart;
+                }
             }
-        });
-        if (best) filed.emplace_back(*best, index);
-        else always.push_back(index);
+        const auto loads = static_cast<std::uint16_t>(rule.resources | (rule.loads << loadTypeNames.size()));
+        filed.push_back({*best, {index, loads, second ? checkOf(mix(*second)) : std::uint16_t{0}}});
     }
-    std::sort(filed.begin(), filed.end());
+    std::sort(filed.begin(), filed.end(), [](const Filed& a, const Filed& b) {
+        return a.gram != b.gram ? a.gram < b.gram : a.posting.rule < b.posting.rule;
+    });
 
     std::size_t distinct = 0;
     for (size_t i = 0; i < filed.size(); ++i)
-        if (i == 0 || filed[i].first != filed[i - 1].first) ++distinct;
-    std::size_t capacity = 16;
-    while (capacity < distinct * 2) capacity *= 2;
-    table.assign(distinct ? capacity : 0, GramSlot{});
-    std::size_t bitmapBits = 64;
-    unsigned bits = 6;
-    while (bitmapBits < distinct * 8 && bits < 18) {
-        bitmapBits *= 2;
-        ++bits;
-    }
-    bitmap.assign(bitmapBits / 64, 0);
-    bitmapShift = 32 - bits;
-    postings.reserve(filed.size());
-    for (size_t i = 0; i < filed.size();) {
-        const std::uint32_t gram = filed[i].first;
-        const auto begin = static_cast<std::uint32_t>(postings.size());
-        for (; i < filed.size() && filed[i].first == gram; ++i) postings.push_back(filed[i].second);
-        const std::uint32_t h = mix(gram);
-        size_t slot = h & (table.size() - 1);
-        while (table[slot].gram != 0) slot = (slot + 1) & (table.size() - 1);
-        table[slot] = GramSlot{gram, begin, static_cast<std::uint32_t>(postings.size())};
-        const std::uint32_t b = h >> bitmapShift;
-        bitmap[b / 64] |= std::uint64_t{1} << (b % 64);
-    }
-
+        if (i == 0 || filed[i].gram != filed[i - 1].gram) ++distinct;
     std::sort(sites.begin(), sites.end());
     sites.erase(std::unique(sites.begin(), sites.end()), sites.end());
     std::size_t distinctSites = 0;
     for (size_t i = 0; i < sites.size(); ++i)
         if (i == 0 || sites[i].first != sites[i - 1].first) ++distinctSites;
-    capacity = 16;
-    while (capacity < distinctSites * 2) capacity *= 2;
-    siteTable.assign(distinctSites ? capacity : 0, SiteSlot{});
-    sitePostings.reserve(sites.size());
+    filter.assign(std::max<std::size_t>(1, (distinct + distinctSites + 3) / 4), 0);
+    const auto file = [this](std::uint32_t key) { filter[placeOf(key, filter.size())] |= filterBits(key); };
+
+    // Open addressing, two thirds full at most (the filter keeps most
+    // absent pieces away from the table).
+    filedByPiece = filed.size();
+    table.assign(distinct ? distinct + distinct / 2 + 1 : 0, GramSlot{});
+    postings.reserve(filed.size() - distinct + 1);
+    postings.emplace_back();  // `more` 0 means none
+    for (size_t i = 0; i < filed.size();) {
+        const std::uint32_t gram = filed[i].gram;
+        const std::uint32_t h = mix(gram);
+        size_t slot = placeOf(h, table.size());
+        while (table[slot].gram != 0) slot = slot + 1 == table.size() ? 0 : slot + 1;
+        table[slot] = GramSlot{gram, 0, filed[i++].posting};
+        if (i < filed.size() && filed[i].gram == gram) {
+            table[slot].more = static_cast<std::uint32_t>(postings.size());
+            for (; i < filed.size() && filed[i].gram == gram; ++i) postings.push_back(filed[i].posting);
+            postings.back().loads |= lastPosting;
+        }
+        file(h);
+    }
+    postings.shrink_to_fit();
+
+    siteTable.assign(distinctSites ? distinctSites + distinctSites / 2 + 1 : 0, SiteSlot{});
+    sitePostings.reserve(sites.size() - distinctSites + 1);
+    sitePostings.push_back(0);  // `more` 0 means none
     for (size_t i = 0; i < sites.size();) {
         const std::uint64_t site = sites[i].first;
-        const auto begin = static_cast<std::uint32_t>(sitePostings.size());
-        for (; i < sites.size() && sites[i].first == site; ++i) sitePostings.push_back(sites[i].second);
-        size_t slot = (site >> 7) & (siteTable.size() - 1);
-        while (siteTable[slot].site != 0) slot = (slot + 1) & (siteTable.size() - 1);
-        siteTable[slot] = SiteSlot{site, begin, static_cast<std::uint32_t>(sitePostings.size())};
+        const std::uint32_t key = siteKey(site);
+        size_t slot = placeOf(key, siteTable.size());
+        while (siteTable[slot].site != 0) slot = slot + 1 == siteTable.size() ? 0 : slot + 1;
+        siteTable[slot] = SiteSlot{site, sites[i++].second, 0};
+        if (i < sites.size() && sites[i].first == site) {
+            siteTable[slot].more = static_cast<std::uint32_t>(sitePostings.size());
+            for (; i < sites.size() && sites[i].first == site; ++i) sitePostings.push_back(sites[i].second);
+            sitePostings.back() |= lastSitePosting;
+        }
+        file(key);
     }
+    sitePostings.shrink_to_fit();
 }
 
 void ContentRuleMatcher::Segment::collect(const PreparedLoad& load, std::vector<std::uint32_t>& out) const {
     out.clear();
+    const std::uint16_t typeBit = bit(load.type_);
+    const auto take = [&](Posting posting) {
+        if (!(posting.loads & typeBit) || !load.mayHold(posting.check)) return;
+        const unsigned party = (posting.loads >> loadTypeNames.size()) & 3;
+        if (party != (firstPartyBit | thirdPartyBit) && !(party & (load.isThirdParty() ? thirdPartyBit : firstPartyBit)))
+            return;
+        out.push_back(posting.rule);
+    };
     if (!table.empty()) {
-        const std::uint32_t mask = static_cast<std::uint32_t>(table.size() - 1);
-        for (std::uint32_t gram : load.grams_) {
-            const std::uint32_t h = mix(gram);
-            const std::uint32_t b = h >> bitmapShift;
-            if (!(bitmap[b / 64] & (std::uint64_t{1} << (b % 64)))) continue;
-            for (std::uint32_t slot = h & mask; table[slot].gram != 0; slot = (slot + 1) & mask) {
-                if (table[slot].gram == gram) {
-                    out.insert(out.end(), postings.begin() + table[slot].begin, postings.begin() + table[slot].end);
-                    break;
-                }
+        for (const auto [gram, h] : load.grams_) {
+            if (!mayHold(h)) continue;
+            for (size_t slot = placeOf(h, table.size()); table[slot].gram != 0;
+                 slot = slot + 1 == table.size() ? 0 : slot + 1) {
+                if (table[slot].gram != gram) continue;
+                take(table[slot].first);
+                if (table[slot].more)
+                    for (std::uint32_t p = table[slot].more;; ++p) {
+                        take(postings[p]);
+                        if (postings[p].loads & lastPosting) break;
+                    }
+                break;
             }
         }
     }
     if (!siteTable.empty()) {
-        const std::size_t mask = siteTable.size() - 1;
-        for (std::uint64_t site : load.sites_) {
-            for (std::size_t slot = (site >> 7) & mask; siteTable[slot].site != 0; slot = (slot + 1) & mask) {
-                if (siteTable[slot].site == site) {
-                    out.insert(out.end(), sitePostings.begin() + siteTable[slot].begin,
-                               sitePostings.begin() + siteTable[slot].end);
-                    break;
-                }
+        for (const auto [site, key] : load.sites_) {
+            if (!mayHold(key)) continue;
+            for (size_t slot = placeOf(key, siteTable.size()); siteTable[slot].site != 0;
+                 slot = slot + 1 == siteTable.size() ? 0 : slot + 1) {
+                if (siteTable[slot].site != site) continue;
+                out.push_back(siteTable[slot].first);
+                if (siteTable[slot].more)
+                    for (std::uint32_t p = siteTable[slot].more;; ++p) {
+                        out.push_back(sitePostings[p] & ~lastSitePosting);
+                        if (sitePostings[p] & lastSitePosting) break;
+                    }
+                break;
             }
         }
     }
-    std::sort(out.begin(), out.end());
-    out.erase(std::unique(out.begin(), out.end()), out.end());
+    if (out.size() > 1) {
+        std::sort(out.begin(), out.end());
+        out.erase(std::unique(out.begin(), out.end()), out.end());
+    }
 }
 
 bool ContentRuleMatcher::Segment::urlMatches(const Rule& rule, std::string_view url, std::string_view lowerURL) const {
     if (rule.universal) return true;
+    if (rule.hostAnchored)
+        return hostAnchorMatches(rule.caseSensitive ? url : lowerURL, text(rule.literal, rule.literalLength));
     if (rule.pureLiteral) {
         const std::string_view subject = rule.caseSensitive ? url : lowerURL;
         const std::string_view literal = text(rule.literal, rule.literalLength);
@@ -727,8 +878,7 @@ bool ContentRuleMatcher::Segment::urlMatches(const Rule& rule, std::string_view 
     return regex->ok() && RE2::PartialMatch(url, *regex);
 }
 
-bool ContentRuleMatcher::Segment::conditionHolds(const Condition& condition, const PreparedLoad& load,
-                                                 std::string_view lowerMain) const {
+bool ContentRuleMatcher::Segment::conditionHolds(const Condition& condition, const PreparedLoad& load) const {
     switch (condition.kind) {
     case ConditionKind::ifDomain:
     case ConditionKind::unlessDomain: {
@@ -754,19 +904,19 @@ bool ContentRuleMatcher::Segment::conditionHolds(const Condition& condition, con
             }
             if (listed) break;
         }
-        (void)lowerMain;
         return listed == (condition.kind == ConditionKind::ifTopURL);
     }
     }
     return false;
 }
 
-bool ContentRuleMatcher::Segment::fires(const Rule& rule, const PreparedLoad& load, std::string_view lowerURL,
-                                        std::string_view lowerMain) const {
+bool ContentRuleMatcher::Segment::fires(const Rule& rule, const PreparedLoad& load) const {
     if (!(rule.resources & bit(load.type_))) return false;
-    if (!(rule.loads & (load.thirdParty_ ? thirdPartyBit : firstPartyBit))) return false;
-    if (rule.condition != none && !conditionHolds(conditions[rule.condition], load, lowerMain)) return false;
-    return urlMatches(rule, load.url_.text, lowerURL);
+    if (rule.loads != (firstPartyBit | thirdPartyBit) &&
+        !(rule.loads & (load.isThirdParty() ? thirdPartyBit : firstPartyBit)))
+        return false;
+    if (rule.condition != none && !conditionHolds(conditions[rule.condition], load)) return false;
+    return urlMatches(rule, load.url_.text, load.lowerURL_);
 }
 
 // --- the matcher -------------------------------------------------------------------------
@@ -933,7 +1083,7 @@ ContentRuleListEffects ContentRuleMatcher::evaluate(const PreparedLoad& load) co
                 if (i < candidates.size() && candidates[i] == index) ++i;
             }
             const auto& rule = segment->rules[index];
-            if (!segment->fires(rule, load, load.lowerURL_, load.lowerMain_)) continue;
+            if (!segment->fires(rule, load)) continue;
             switch (rule.action) {
             case Action::block: effects.blocked = true; break;
             case Action::blockCookies: effects.blockCookies = true; break;
@@ -952,10 +1102,10 @@ ContentRuleListEffects ContentRuleMatcher::evaluate(const PreparedLoad& load) co
 ContentRuleMatcher::IndexStatistics ContentRuleMatcher::indexStatistics() const {
     IndexStatistics statistics;
     for (const Segment* segment : {body_.get(), tail_.get()}) {
-        statistics.byPiece += segment->postings.size();
+        statistics.byPiece += segment->filedByPiece;
         statistics.always += segment->always.size();
         statistics.globalStyleSheet += segment->globalSheet.size();
-        statistics.bySite += segment->rules.size() - segment->postings.size() - segment->always.size();
+        statistics.bySite += segment->rules.size() - segment->filedByPiece - segment->always.size();
     }
     return statistics;
 }
@@ -988,20 +1138,33 @@ std::optional<PreparedLoad> PreparedLoad::prepare(const ContentLoad& load) {
     if (!main) return std::nullopt;
     PreparedLoad prepared;
     prepared.lowerURL_ = lowered(url->text);
-    prepared.lowerMain_ = lowered(main->text);
-    for (size_t i = 0; i + 4 <= prepared.lowerURL_.size(); ++i)
-        prepared.grams_.push_back(gramAt(prepared.lowerURL_.data() + i));
+    const std::string& lower = prepared.lowerURL_;
+    if (lower.size() >= 4) prepared.grams_.reserve(lower.size() - 3);
+    for (size_t i = 0; i + 4 <= lower.size(); ++i) {
+        const std::uint32_t gram = gramAt(lower.data() + i);
+        const std::uint32_t hash = mix(gram);
+        prepared.grams_.push_back({gram, hash});
+        const unsigned piece = checkOf(hash) & 0xFFF;
+        prepared.pieceSet_[piece / 64] |= std::uint64_t{1} << (piece % 64);
+    }
+    prepared.sites_.reserve(4);
     for (std::string_view host = main->host; !host.empty();) {
-        prepared.sites_.push_back(siteHash(host));
+        const std::uint64_t site = siteHash(host);
+        prepared.sites_.push_back({site, siteKey(site)});
         const size_t dot = host.find('.');
         if (dot == std::string_view::npos) break;
         host.remove_prefix(dot + 1);
     }
     prepared.type_ = load.resourceType;
-    prepared.thirdParty_ = url->host != main->host && registrableDomain(url->host) != registrableDomain(main->host);
+    if (url->host == main->host) prepared.thirdParty_ = 0;
     prepared.url_ = std::move(*url);
     prepared.main_ = std::move(*main);
     return prepared;
+}
+
+bool PreparedLoad::isThirdParty() const {
+    if (thirdParty_ < 0) thirdParty_ = registrableDomain(url_.host) != registrableDomain(main_.host) ? 1 : 0;
+    return thirdParty_ > 0;
 }
 
 LoadEffects evaluateLoad(std::span<const NamedContentRuleMatcher> matchers, const ContentLoad& load) {
@@ -1012,6 +1175,7 @@ LoadEffects evaluateLoad(std::span<const NamedContentRuleMatcher> matchers, cons
         return result;
     }
     result.evaluated = true;
+    result.stylesheetAppliedFor.reserve(matchers.size());
     bool makeHttps = false;
     for (const auto& [identifier, matcher] : matchers) {
         if (!matcher) continue;

@@ -32,9 +32,13 @@
 //
 // Speed: every url-filter is split into the literal runs a match must
 // contain; each rule is filed under its rarest 4-byte piece, so a load looks
-// at the few rules whose piece occurs in its URL. Filters that are a plain
-// literal are compared directly; the others are confirmed with RE2 (linear
-// time, so no pattern can make a load slow), compiled on first use.
+// at the few rules whose piece occurs in its URL. A Bloom filter in front of
+// the piece table keeps most of the URL's pieces from reaching it, and each
+// filed rule carries the loads it covers and a second piece, so that most
+// candidates are dropped before the rule is read. Filters that are a plain
+// literal, or the usual "host and its subdomains" anchor, are answered
+// directly; the others are confirmed with RE2 (linear time, so no pattern
+// can make a load slow), compiled on first use.
 namespace tamsel::platform {
 
 // What a page loads, in Safari's vocabulary ("raw" in a rule covers the last four).
@@ -64,18 +68,40 @@ public:
     const CanonicalURL& url() const { return url_; }
     const CanonicalURL& mainDocument() const { return main_; }
     LoadResourceType resourceType() const { return type_; }
-    bool isThirdParty() const { return thirdParty_; }
+    // Decided on first use (the public-suffix look-up is the dearest part of
+    // a load, and most loads meet no rule with a load-type), so a prepared
+    // load belongs to one thread at a time.
+    bool isThirdParty() const;
+
+    // A 4-byte piece of the lower-cased URL with its hash.
+    struct Gram {
+        std::uint32_t gram;
+        std::uint32_t hash;
+    };
+    // A host of the main document (the host itself and its parent domains).
+    struct Site {
+        std::uint64_t site;
+        std::uint32_t hash;
+    };
 
 private:
     friend class ContentRuleMatcher;
     CanonicalURL url_;
     CanonicalURL main_;
     std::string lowerURL_;
-    std::string lowerMain_;
-    std::vector<std::uint32_t> grams_;  // the 4-byte pieces of lowerURL_
-    std::vector<std::uint64_t> sites_;  // hashes of the main document's host and its parent domains
+    std::vector<Gram> grams_;  // every 4-byte piece of lowerURL_, in order
+    std::vector<Site> sites_;
+    // Which piece hashes the URL holds (12 bits of each): a rule's second
+    // piece is looked up here before the rule itself is read.
+    std::uint64_t pieceSet_[64] = {};
     LoadResourceType type_ = LoadResourceType::document;
-    bool thirdParty_ = false;
+    mutable std::int8_t thirdParty_ = -1;  // -1: not decided yet
+
+    // Whether the URL may hold the piece of a posting's check (0: no check).
+    bool mayHold(std::uint16_t check) const {
+        const unsigned piece = check & 0xFFFu;
+        return check == 0 || (pieceSet_[piece / 64] >> (piece % 64) & 1) != 0;
+    }
 };
 
 // What one list does to one load.

@@ -4,7 +4,6 @@
 
 #include <array>
 #include <charconv>
-#include <cstdio>
 #include <mutex>
 
 namespace tamsel::platform {
@@ -28,16 +27,17 @@ std::optional<int> specialSchemePort(std::string_view scheme) {
 }
 
 void appendEncoded(std::string& out, std::string_view text) {
-    for (char c : text) {
-        const auto byte = static_cast<unsigned char>(c);
-        if (byte > 0x7F || byte == ' ') {
-            char escaped[4];
-            std::snprintf(escaped, sizeof escaped, "%%%02X", byte);
-            out += escaped;
-        } else {
-            out += c;
-        }
+    constexpr char hex[] = "0123456789ABCDEF";
+    size_t start = 0;
+    for (size_t i = 0; i < text.size(); ++i) {
+        const auto byte = static_cast<unsigned char>(text[i]);
+        if (byte <= 0x7F && byte != ' ') continue;
+        out.append(text.substr(start, i - start));
+        const char escaped[3] = {'%', hex[byte >> 4], hex[byte & 0xF]};
+        out.append(escaped, sizeof escaped);
+        start = i + 1;
     }
+    out.append(text.substr(start));
 }
 
 bool hasControlCharacter(std::string_view text) {
@@ -46,10 +46,14 @@ bool hasControlCharacter(std::string_view text) {
     return false;
 }
 
-bool isForbiddenHostCharacter(char c) {
-    constexpr std::string_view forbidden = " #%/:<>?@[\\]^|";
-    return forbidden.find(c) != std::string_view::npos || static_cast<unsigned char>(c) > 0x7F;
-}
+constexpr std::array<bool, 256> forbiddenHostCharacters = [] {
+    std::array<bool, 256> table{};
+    for (unsigned char c : std::string_view(" #%/:<>?@[\\]^|")) table[c] = true;
+    for (unsigned c = 0x80; c < 256; ++c) table[c] = true;
+    return table;
+}();
+
+bool isForbiddenHostCharacter(char c) { return forbiddenHostCharacters[static_cast<unsigned char>(c)]; }
 
 }  // namespace
 
@@ -69,9 +73,12 @@ std::optional<CanonicalURL> canonicalURL(std::string_view url) {
     std::string_view rest = url.substr(colon + 1);
 
     const auto defaultPort = specialSchemePort(result.scheme);
+    // Room for the whole URL, so that it is written without growing.
+    result.text.reserve(url.size() + 8);
     if (!defaultPort) {
         if (rest.empty()) return std::nullopt;
-        result.text = result.scheme + ":";
+        result.text += result.scheme;
+        result.text += ':';
         appendEncoded(result.text, rest);
         return result;
     }
@@ -105,7 +112,8 @@ std::optional<CanonicalURL> canonicalURL(std::string_view url) {
     if (!host.starts_with('['))
         for (char c : host)
             if (isForbiddenHostCharacter(c)) return std::nullopt;
-    for (char c : host) result.host += lower(c);
+    result.host.assign(host);
+    for (char& c : result.host) c = lower(c);
 
     std::string portText;
     if (!port.empty()) {
@@ -119,7 +127,8 @@ std::optional<CanonicalURL> canonicalURL(std::string_view url) {
         }
     }
 
-    result.text = result.scheme + "://";
+    result.text += result.scheme;
+    result.text += "://";
     appendEncoded(result.text, userinfo);
     result.text += result.host;
     result.text += portText;

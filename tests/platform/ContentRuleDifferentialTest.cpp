@@ -129,7 +129,7 @@ public:
         const std::string& host = pick(hosts_);
         std::string escaped;
         for (char c : host) escaped += c == '.' ? std::string("\\\\.") : std::string(1, c);
-        switch (std::uniform_int_distribution<int>(0, 11)(random_)) {
+        switch (std::uniform_int_distribution<int>(0, 13)(random_)) {
         case 0: return "^[^:]+://+([^:/]+\\\\.)?" + escaped + "[:/]";
         case 1: return escaped;
         case 2: return "^https?://" + escaped + "/";
@@ -141,6 +141,8 @@ public:
         case 8: return pick(words_) + "[0-9]+/";
         case 9: return "^wss?://" + escaped;
         case 10: return "/" + pick(words_) + "s?/" + "b*" + pick(words_);
+        case 12: return "^[^:]+://+([^:/]+\\\\.)?" + escaped + pick(paths_) + ".*\\\\.gif";
+        case 13: return pick(paths_) + ".*" + pick(words_) + "[0-9]/";
         default: return "^https://" + escaped + "/" + pick(words_) + "$";
         }
     }
@@ -158,10 +160,19 @@ public:
             if (chance(0.2)) trigger += chance(0.5) ? ",\"load-type\":[\"third-party\"]" : ",\"load-type\":[\"first-party\"]";
             const int condition = std::uniform_int_distribution<int>(0, 9)(random_);
             const std::string domain = (chance(0.5) ? "*" : "") + pick(hosts_);
-            if (condition == 0) trigger += ",\"if-domain\":[\"" + domain + "\"]";
-            if (condition == 1) trigger += ",\"unless-domain\":[\"" + domain + "\"]";
-            if (condition == 2) trigger += ",\"if-top-url\":[\"" + pick(words_) + "\"]";
-            if (condition == 3) trigger += ",\"unless-top-url\":[\"^https://" + pick(hosts_) + "\"]";
+            if (chance(0.1)) {
+                // Filed by site: a match-all filter for a few sites, often the same ones.
+                trigger = "\"url-filter\":\".*\",\"if-domain\":[\"" + domain + "\",\"*" + pick(hosts_) + "\"]";
+                if (chance(0.3)) trigger += ",\"load-type\":[\"third-party\"]";
+            } else if (condition == 0) {
+                trigger += ",\"if-domain\":[\"" + domain + "\"]";
+            } else if (condition == 1) {
+                trigger += ",\"unless-domain\":[\"" + domain + "\"]";
+            } else if (condition == 2) {
+                trigger += ",\"if-top-url\":[\"" + pick(words_) + "\"]";
+            } else if (condition == 3) {
+                trigger += ",\"unless-top-url\":[\"^https://" + pick(hosts_) + "\"]";
+            }
             const std::string& action = pick(actions);
             std::string actionJSON = "\"type\":\"" + action + "\"";
             if (action == "css-display-none") actionJSON += ",\"selector\":\"." + pick(words_) + std::to_string(i) + "\"";
@@ -212,6 +223,40 @@ TEST(ContentRuleDifferentialTest, FastMatcherAgreesWithRuleByRuleEvaluation) {
         }
         EXPECT_EQ((*matcher)->globalStyleSheet(), plainSheet) << "seed " << seed;
     }
+}
+
+// The "host and its subdomains" anchor is answered without a regular
+// expression; these are the URLs where a hand-written answer could go wrong.
+TEST(ContentRuleDifferentialTest, HostAnchorsAgreeWithTheRegularExpression) {
+    const std::vector<std::string> hosts{"ads.example", "Ads.example", "a-b_c.example", ".example", "example"};
+    const std::vector<std::string> urls{
+        "https://ads.example/",          "https://ADS.Example/x",          "https://sub.ads.example/",
+        "http://a.b.ads.example:8080/",  "https://badads.example/",        "https://ads.example.com/",
+        "https://ads.examplex/",         "https://user@ads.example/",      "https://user@x.ads.example/",
+        "https://user:pw@ads.example/",  "https://.ads.example/",          "https://x..ads.example/",
+        "ws://ads.example",              "https://ads.example?q=ads.example/", "about:ads.example/",
+        "foo://ads.example/",            "foo:///ads.example/",            "https://a-b_c.example/",
+        "https://x.a-b_c.example/p",     "https://example/",               "https://www.example/",
+        "https://ads.example:443/",      "https://p.example/?u=https://ads.example/", "foo:/ads.example/",
+        "foo://ADS.example/",            "foo://ads.example",              "foo://x.ads.example?/"};
+    std::vector<std::string> sheet;
+    for (const auto& host : hosts)
+        for (const bool caseSensitive : {false, true}) {
+            std::string escaped;  // "\\." in the JSON text: a dot, not any character
+            for (char c : host) escaped += c == '.' ? std::string(R"(\\.)") : std::string(1, c);
+            const std::string json = std::string(R"([{"trigger":{"url-filter":"^[^:]+://+([^:/]+\\.)?)") + escaped +
+                                     R"([:/]","url-filter-is-case-sensitive":)" + (caseSensitive ? "true" : "false") +
+                                     R"(},"action":{"type":"block"}}])";
+            auto matcher = ContentRuleMatcher::compile(json);
+            ASSERT_TRUE(matcher) << json;
+            for (const auto& url : urls) {
+                const ContentLoad load{url, "https://page.example/", LoadResourceType::image};
+                const auto prepared = PreparedLoad::prepare(load);
+                if (!prepared) continue;
+                EXPECT_EQ((*matcher)->evaluate(*prepared).blocked, plainEvaluate(json, load, sheet).blocked)
+                    << json << " on " << url;
+            }
+        }
 }
 
 }  // namespace
