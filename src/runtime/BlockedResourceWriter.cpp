@@ -25,20 +25,27 @@ void bindText(SQLite::Statement& statement, int index, const std::optional<std::
 
 }  // namespace
 
-BlockedResourceWriter::BlockedResourceWriter(BlockedResourceDatabase& database)
-    : database_(database), queue_(std::string(build::baseIdentifier) + ".core-data-store.writer") {}
+BlockedResourceWriter::BlockedResourceWriter(BlockedResourceDatabase& database, std::chrono::milliseconds window)
+    : database_(database), window_(window), queue_(std::string(build::baseIdentifier) + ".core-data-store.writer") {}
 
 BlockedResourceWriter::~BlockedResourceWriter() { waitUntilWritten(); }
 
 void BlockedResourceWriter::insert(std::vector<BlockedResource> records, Completion completion) {
+    // A flush is queued whenever pending records exist: the one queued when
+    // the first of them arrived, which has not taken them yet. Saves and
+    // waits queued after this call therefore run after their commit.
     bool first = false;
+    bool full = false;
     {
         std::lock_guard lock(pendingMutex_);
         first = pending_.empty();
         recordsSinceSave_ += records.size();
+        pendingRecords_ += records.size();
+        full = pendingRecords_ >= groupCommitRecords;
         pending_.push_back({std::move(records), std::move(completion)});
     }
     if (first) queue_.async([this] { flushPending(); });
+    if (full) batchFull_.notify_one();
 }
 
 bool BlockedResourceWriter::whenWrittenSinceLastSave(
@@ -47,8 +54,9 @@ bool BlockedResourceWriter::whenWrittenSinceLastSave(
         std::lock_guard lock(pendingMutex_);
         if (std::exchange(recordsSinceSave_, 0) == 0) return false;
     }
+    // The records since the last save are committed (or failed) by the time
+    // this runs: their flush was queued before it.
     queue_.async([this, settled = std::move(settled)] {
-        flushPending();
         std::optional<StoreError> failure;
         {
             std::lock_guard lock(pendingMutex_);
@@ -60,14 +68,25 @@ bool BlockedResourceWriter::whenWrittenSinceLastSave(
 }
 
 void BlockedResourceWriter::waitUntilWritten() {
+    // Whoever waits gets the pending records committed without the window.
+    {
+        std::lock_guard lock(pendingMutex_);
+        hurried_ = true;
+    }
+    batchFull_.notify_one();
     queue_.sync([] {});
 }
 
 void BlockedResourceWriter::flushPending() {
     std::vector<PendingInsert> batch;
     {
-        std::lock_guard lock(pendingMutex_);
+        std::unique_lock lock(pendingMutex_);
+        if (!pending_.empty() && window_.count() > 0) {
+            batchFull_.wait_for(lock, window_, [this] { return hurried_ || pendingRecords_ >= groupCommitRecords; });
+        }
+        hurried_ = false;
         batch.swap(pending_);
+        pendingRecords_ = 0;
     }
     if (batch.empty()) return;
     auto write = [&](BlockedResourceDatabase& open) { writeBatch(open, batch); };
