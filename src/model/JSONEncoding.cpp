@@ -64,6 +64,94 @@ void writeString(JSONWriter& writer, std::string_view text) {
     }
 }
 
+// Appends `text` as a JSON string, byte for byte as JSONWriter writes it:
+// quotation mark, reverse solidus and control characters escaped (the
+// common ones by letter, the rest as \u00XX), everything else as it is.
+void appendQuoted(std::string& out, std::string_view text) {
+    static constexpr char hexDigits[] = "0123456789ABCDEF";
+    bool ascii = true;
+    for (const char c : text) ascii &= static_cast<unsigned char>(c) < 0x80;
+    std::string repaired;
+    if (!ascii && !simdjson::validate_utf8(text.data(), text.size())) {
+        repaired = repairedUTF8(text);
+        text = repaired;
+    }
+    out += '"';
+    std::size_t run = 0;
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        const auto c = static_cast<unsigned char>(text[i]);
+        if (c >= 0x20 && c != '"' && c != '\\') continue;
+        out.append(text.data() + run, i - run);
+        run = i + 1;
+        out += '\\';
+        switch (c) {
+            case '"': out += '"'; break;
+            case '\\': out += '\\'; break;
+            case '\b': out += 'b'; break;
+            case '\t': out += 't'; break;
+            case '\n': out += 'n'; break;
+            case '\f': out += 'f'; break;
+            case '\r': out += 'r'; break;
+            default:
+                out += "u00";
+                out += hexDigits[c >> 4];
+                out += hexDigits[c & 0xF];
+        }
+    }
+    out.append(text.data() + run, text.size() - run);
+    out += '"';
+}
+
+template <RawRepresentable E>
+void appendRawValues(std::string& out, const std::vector<E>& values) {
+    out += '[';
+    for (std::size_t i = 0; i < values.size(); ++i) {
+        if (i > 0) out += ',';
+        // Raw values are plain ASCII words: nothing to escape.
+        out += '"';
+        out += rawValue(values[i]);
+        out += '"';
+    }
+    out += ']';
+}
+
+// A content-blocker entry as JSONWriter writes it with writeTrigger and
+// writeAction. Entries are most of what the compiler writes, so they are
+// put together here in one pass and handed to the writer whole.
+void appendBlocker(std::string& out, const Blocker& blocker) {
+    const Trigger& trigger = blocker.trigger;
+    out += R"({"trigger":{"url-filter":)";
+    appendQuoted(out, trigger.urlFilter);
+    out += trigger.caseSensitive ? R"(,"url-filter-is-case-sensitive":true)" : R"(,"url-filter-is-case-sensitive":false)";
+    if (trigger.resourceTypes) {
+        out += R"(,"resource-type":)";
+        appendRawValues(out, *trigger.resourceTypes);
+    }
+    if (trigger.loadType) {
+        out += R"(,"load-type":)";
+        appendRawValues(out, *trigger.loadType);
+    }
+    if (trigger.domainFilter && !trigger.domainFilter->values.empty()) {
+        out += R"(,")";
+        out += rawValue(trigger.domainFilter->type);
+        out += R"(":[)";
+        const auto& values = trigger.domainFilter->values;
+        for (std::size_t i = 0; i < values.size(); ++i) {
+            if (i > 0) out += ',';
+            appendQuoted(out, values[i]);
+        }
+        out += ']';
+    }
+    out += R"(},"action":{"type":")";
+    out += rawValue(blocker.action.type);
+    out += '"';
+    if (blocker.action.selector) {
+        out += R"(,"selector":)";
+        appendQuoted(out, *blocker.action.selector);
+    }
+    out += "}}";
+}
+
 void writeKey(JSONWriter& writer, std::string_view key) {
     writer.Key(key.data(), static_cast<rapidjson::SizeType>(key.size()));
 }
@@ -161,12 +249,10 @@ void writeAction(JSONWriter& writer, const Action& action) {
 }
 
 void writeBlocker(JSONWriter& writer, const Blocker& blocker) {
-    writer.StartObject();
-    writeKey(writer, "trigger");
-    writeTrigger(writer, blocker.trigger);
-    writeKey(writer, "action");
-    writeAction(writer, blocker.action);
-    writer.EndObject();
+    thread_local std::string text;
+    text.clear();
+    appendBlocker(text, blocker);
+    writer.RawValue(text.data(), text.size(), rapidjson::kObjectType);
 }
 
 // Writing a rule cannot fail: every string is written as valid UTF-8 and a
