@@ -1,5 +1,6 @@
 #include <simdjson.h>
 
+#include <bit>
 #include <cstdint>
 #include <cstring>
 #include <string>
@@ -87,10 +88,11 @@ private:
     rapidjson::StringBuffer& buffer_;
 };
 
-// Eight bytes at a time: the bit 7 of each byte of the result is set where
-// `word` holds a byte that a JSON string cannot hold as it is (a control
-// character, a quotation mark, a reverse solidus), and possibly elsewhere
-// after such a byte; bytes of 0x80 and above are left to `highBytes`.
+// Eight bytes at a time (in memory order on a little-endian machine): the
+// bit 7 of each byte of the result is set where `word` holds a byte that a
+// JSON string cannot hold as it is (a control character, a quotation mark, a
+// reverse solidus), and possibly at higher bytes after such a byte. Bytes of
+// 0x80 and above are never flagged.
 constexpr std::uint64_t ones = 0x0101010101010101ULL;
 constexpr std::uint64_t highs = 0x8080808080808080ULL;
 
@@ -127,13 +129,17 @@ void writeQuoted(Output& out, std::string_view text) {
     std::size_t run = 0;
     std::size_t i = 0;
     while (i < text.size()) {
-        if (i + 8 <= text.size()) {
+        if (std::endian::native == std::endian::little && i + 8 <= text.size()) {
             std::uint64_t word;
             std::memcpy(&word, text.data() + i, 8);
-            if (specialBytes(word) == 0) {
+            const std::uint64_t special = specialBytes(word);
+            if (special == 0) {
                 i += 8;
                 continue;
             }
+            // The lowest flagged byte is a real one (a false flag needs a
+            // real one below it): skip straight to it.
+            i += static_cast<std::size_t>(std::countr_zero(special)) / 8;
         }
         const auto c = static_cast<unsigned char>(text[i]);
         if (c >= 0x20 && c != '"' && c != '\\') {

@@ -246,6 +246,8 @@ TEST(EntryCodingTest, WholeEntryWriterMatchesFieldByFieldWriting) {
     const std::vector<std::string> strings{
         "",
         "^https?://ads\\.example\\.com/",
+        // Specials at every offset of an eight-byte word, and runs of them.
+        "12345678\\\\\\\"\"a\\b.c\\d.\"\x01" "234567\\",
         "quote \" and reverse solidus \\ and solidus /",
         std::string("nul \0 and \x01\x07\x0B\x0E\x1F\x7F", 17),
         "\b\t\n\f\r",
