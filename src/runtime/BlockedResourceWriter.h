@@ -10,6 +10,7 @@
 #include <condition_variable>
 #include <cstddef>
 #include <functional>
+#include <memory>
 #include <mutex>
 #include <optional>
 #include <vector>
@@ -42,7 +43,8 @@ public:
     // When records were handed over since the last call: runs `settled` on the
     // writer queue once they are written, with the last failure among them.
     // Otherwise answers false and runs nothing.
-    bool whenWrittenSinceLastSave(std::function<void(const std::optional<StoreError>& failure)> settled);
+    using SaveCompletion = std::function<void(const std::optional<StoreError>& failure)>;
+    bool whenWrittenSinceLastSave(SaveCompletion settled);
 
     // Blocks until every record handed over before the call is committed or has failed.
     void waitUntilWritten();
@@ -68,6 +70,9 @@ private:
     bool hurried_ = false;
     std::size_t recordsSinceSave_ = 0;
     std::optional<StoreError> failureSinceSave_;
+    // The completions of the save queued last, while it has not run and no
+    // flush has been queued after it; later saves join it.
+    std::shared_ptr<std::vector<SaveCompletion>> openSave_;
     // Last, so that it is destroyed first: the writes still queued finish
     // while everything they use is there.
     platform::DispatchQueue queue_;

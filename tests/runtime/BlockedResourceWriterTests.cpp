@@ -100,5 +100,25 @@ TEST_F(StoreTest, ConcurrentReportsAreCommittedTogetherAndNoneIsLost) {
     EXPECT_EQ(unreadable.load(), 0);
 }
 
+// Saves asked for between reports share a queued save while no commit was
+// queued after it; each still answers only once its own records are readable.
+TEST_F(StoreTest, EverySaveBetweenReportsWaitsForItsRecords) {
+    CoreDataStore store(directory.path(), clock);
+    constexpr int reports = 300;
+    std::atomic<int> saves = 0;
+    std::atomic<int> early = 0;
+    for (int i = 0; i < reports; ++i) {
+        store.insert({record(utc(2024, 5, 1) + std::chrono::seconds(i), ExtensionType::blockAds,
+                             "https://page.example/", "https://t.example/" + std::to_string(i))});
+        store.saveContext([&store, &saves, &early, i] {
+            const auto stored = total(*store.sumBlockedResourcesPerExtension(std::nullopt, std::nullopt));
+            if (stored < i + 1) ++early;
+            ++saves;
+        });
+    }
+    ASSERT_TRUE(tamsel::testing::waitUntil([&] { return saves.load() == reports; }));
+    EXPECT_EQ(early.load(), 0);
+}
+
 }  // namespace
 }  // namespace tamsel::runtime
