@@ -9,7 +9,10 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <array>
 #include <chrono>
+#include <filesystem>
+#include <iterator>
 #include <cstdio>
 #include <memory>
 #include <optional>
@@ -27,6 +30,8 @@
 #include "platform/MainRunLoop.h"
 #include "storage/ExtensionReloading.h"
 #include "storage/PackagePreferences.h"
+#include "storage/PackageSummary.h"
+#include "storage/PathProvider.h"
 #include "storage/PersistentStore.h"
 
 namespace tamsel::host {
@@ -102,6 +107,90 @@ std::vector<PackageRow> packageRows(const DataManager& manager) {
     return rows;
 }
 
+PackageRow rowOf(const std::string& id, const std::string& name, std::size_t rules, std::size_t disabledRules,
+                 const storage::DisabledPackages& disabledPackages) {
+    const Package shape(id, name, {});
+    const auto disabled = disabledPackages.find(id);
+    return {id,
+            name,
+            std::string(model::rawValue(shape.category())),
+            std::string(model::rawValue(shape.type())),
+            rules,
+            rules - disabledRules,
+            disabledRules,
+            disabled == disabledPackages.end() || !disabled->second};
+}
+
+// The same rows without decoding the large package files: the general and
+// regional lists come from their summaries (storage/PackageSummary.h), the
+// small user files are read as usual. Gives nothing when a large file is not
+// in its place, for then loading the packages may move or download it.
+std::optional<std::vector<PackageRow>> summarisedRows() {
+    using model::JSONFileName;
+    // The order of the data manager's general list.
+    constexpr std::array general{JSONFileName::blockAds,    JSONFileName::blockTrackers, JSONFileName::blockAnnoyances,
+                                 JSONFileName::blockSocial, JSONFileName::blockComments, JSONFileName::blockAdult};
+    const auto inPlace = [](JSONFileName file) {
+        std::error_code error;
+        return std::filesystem::is_regular_file(storage::PathProvider::filtersFolderURL() / model::fileName(file),
+                                                error) &&
+               !std::filesystem::exists(storage::PathProvider::sharedContainerURL() / model::fileName(file), error);
+    };
+    if (!std::all_of(general.begin(), general.end(), inPlace) || !inPlace(JSONFileName::blockInternational)) {
+        return std::nullopt;
+    }
+
+    auto preferences = storage::BlockerPreferenceManager::create();
+    const storage::DisabledPackages disabledPackages = preferences->disabledPackages();
+    const storage::DisabledRules disabledRules = preferences->disabledRules();
+    const auto disabledIn = [&](const storage::PackageOutline& outline) -> std::size_t {
+        const auto rules = disabledRules.find(outline.id);
+        return rules == disabledRules.end() ? 0 : outline.disabledCount(rules->second);
+    };
+
+    // A general file's package takes the place named by its identifier; a
+    // place that none takes keeps an empty stand-in, as in the data manager.
+    std::vector<storage::PackageOutline> generalPackages;
+    for (JSONFileName file : general) {
+        storage::PackageOutline placeholder;
+        placeholder.id = model::rawValue(file);
+        placeholder.name = "some-name";
+        generalPackages.push_back(std::move(placeholder));
+    }
+    for (JSONFileName file : general) {
+        auto outlines = storage::PackageSummary::outlines(file);
+        if (!outlines || outlines->empty()) continue;
+        for (auto& place : generalPackages) {
+            if (place.id == outlines->front().id) {
+                place = std::move(outlines->front());
+                break;
+            }
+        }
+    }
+    std::vector<PackageRow> rows;
+    const auto addOutlines = [&](const std::vector<storage::PackageOutline>& outlines) {
+        for (const auto& outline : outlines) {
+            rows.push_back(rowOf(outline.id, outline.name, outline.ruleCount, disabledIn(outline), disabledPackages));
+        }
+    };
+    addOutlines(generalPackages);
+    addOutlines(storage::PackageSummary::outlines(JSONFileName::blockInternational).value_or(
+        std::vector<storage::PackageOutline>{}));
+
+    std::vector<Package> small;
+    const auto append = [&small](std::vector<Package> packages) {
+        std::move(packages.begin(), packages.end(), std::back_inserter(small));
+    };
+    // Neither file is ever downloaded, so both answer before returning.
+    storage::PersistentStore::readConfigurablePackages(append);
+    storage::PersistentStore::readCustomPackages(append);
+    for (const Package& package : small) {
+        rows.push_back(rowOf(package.id, package.name, package.rules.size(),
+                             storage::disabledRulesCount(package, disabledRules), disabledPackages));
+    }
+    return rows;
+}
+
 std::string rowsJSON(const std::vector<PackageRow>& rows) {
     rapidjson::StringBuffer buffer;
     rapidjson::Writer<rapidjson::StringBuffer> writer(buffer);
@@ -131,7 +220,8 @@ std::string rowsJSON(const std::vector<PackageRow>& rows) {
 }
 
 int runPackages(const GlobalOptions& global) {
-    const auto rows = packageRows(loadedDataManager());
+    auto summarised = summarisedRows();
+    const auto rows = summarised ? std::move(*summarised) : packageRows(loadedDataManager());
     if (global.json) {
         printLine(rowsJSON(rows));
         return exitSuccess;

@@ -92,18 +92,35 @@ Result<bool> isNull(od::value& value) {
     return *type == od::json_type::null;
 }
 
+// Reads a value with `get`, which fails with INCORRECT_TYPE unless the value
+// is of the `expected` type. The type is looked at only after such a failure,
+// to say what was found instead: the same messages as checking it first, for
+// half the work on the values that are right.
+template <typename T, typename Get>
+Result<T> readTyped(od::value& value, od::json_type expected, Get&& get) {
+    T result;
+    const simdjson::error_code error = get(value, result);
+    if (!error) return result;
+    if (error == simdjson::INCORRECT_TYPE) {
+        if (auto ok = expectType(value, expected); !ok) return std::unexpected(ok.error());
+    }
+    return fail(error);
+}
+
+// The text stays valid while the document is being decoded.
+Result<std::string_view> readStringView(od::value& value) {
+    return readTyped<std::string_view>(value, od::json_type::string,
+                                       [](od::value& v, std::string_view& text) { return v.get_string().get(text); });
+}
+
 Result<std::string> readString(od::value& value) {
-    if (auto ok = expectType(value, od::json_type::string); !ok) return std::unexpected(ok.error());
-    std::string_view text;
-    if (auto error = value.get_string().get(text)) return fail(error);
-    return std::string(text);
+    auto text = readStringView(value);
+    if (!text) return std::unexpected(text.error());
+    return std::string(*text);
 }
 
 Result<bool> readBool(od::value& value) {
-    if (auto ok = expectType(value, od::json_type::boolean); !ok) return std::unexpected(ok.error());
-    bool flag;
-    if (auto error = value.get_bool().get(flag)) return fail(error);
-    return flag;
+    return readTyped<bool>(value, od::json_type::boolean, [](od::value& v, bool& flag) { return v.get_bool().get(flag); });
 }
 
 Result<double> readNumber(od::value& value) {
@@ -114,17 +131,13 @@ Result<double> readNumber(od::value& value) {
 }
 
 Result<od::object> openObject(od::value& value) {
-    if (auto ok = expectType(value, od::json_type::object); !ok) return std::unexpected(ok.error());
-    od::object object;
-    if (auto error = value.get_object().get(object)) return fail(error);
-    return object;
+    return readTyped<od::object>(value, od::json_type::object,
+                                 [](od::value& v, od::object& object) { return v.get_object().get(object); });
 }
 
 Result<od::array> openArray(od::value& value) {
-    if (auto ok = expectType(value, od::json_type::array); !ok) return std::unexpected(ok.error());
-    od::array array;
-    if (auto error = value.get_array().get(array)) return fail(error);
-    return array;
+    return readTyped<od::array>(value, od::json_type::array,
+                                [](od::value& v, od::array& array) { return v.get_array().get(array); });
 }
 
 // Calls `onField(key, value)` for every field of the object; the first failure
@@ -182,10 +195,10 @@ Result<std::vector<T>> readArray(od::value& value, Decode&& decode) {
 
 template <RawRepresentable E>
 Result<E> readRawValue(od::value& value, std::string_view vocabulary) {
-    auto text = readString(value);
+    auto text = readStringView(value);
     if (!text) return std::unexpected(text.error());
     if (auto parsed = fromRawValue<E>(*text)) return *parsed;
-    return fail("unknown " + std::string(vocabulary) + " \"" + *text + "\"");
+    return fail("unknown " + std::string(vocabulary) + " \"" + std::string(*text) + "\"");
 }
 
 // Stores into `target` unless the value is null.
@@ -217,77 +230,146 @@ Result<std::vector<std::string>> readStringArray(od::value& value) {
 
 // --- Records -----------------------------------------------------------------
 
-Result<Trigger> readTrigger(od::value& value) {
-    std::optional<std::string> urlFilter;
+// The record readers below decode into an existing value, replacing every
+// field, so that a caller decoding many records in turn (a package's rules,
+// streamed) reuses the strings and lists of the one before instead of
+// allocating them afresh. A failure leaves the value partly written.
+
+// A list of raw strings, replacing `target`'s elements; `present` tells
+// whether the key had a list (null counts as absent).
+template <RawRepresentable E>
+Result<void> readRawValueListInto(od::value& value, std::optional<std::vector<E>>& target, bool& present,
+                                  std::string_view vocabulary) {
+    auto null = isNull(value);
+    if (!null) return std::unexpected(null.error());
+    if (*null) {
+        present = false;
+        return {};
+    }
+    if (target) {
+        target->clear();
+    } else {
+        target.emplace();
+    }
+    auto walked = forEachElement(value, [&](od::value& element) -> Result<void> {
+        auto raw = readRawValue<E>(element, vocabulary);
+        if (!raw) return std::unexpected(raw.error());
+        target->push_back(*raw);
+        return {};
+    });
+    if (!walked) return walked;
+    present = true;
+    return {};
+}
+
+Result<void> readStringInto(od::value& value, std::string& target) {
+    auto text = readStringView(value);
+    if (!text) return std::unexpected(text.error());
+    target.assign(*text);
+    return {};
+}
+
+Result<void> readTriggerInto(od::value& value, Trigger& trigger) {
+    bool urlFilter = false;
     std::optional<bool> caseSensitive;
-    Trigger trigger;
+    bool resourceTypes = false;
+    bool loadType = false;
     std::optional<std::vector<std::string>> ifDomain;
     std::optional<std::vector<std::string>> unlessDomain;
 
     auto walked = forEachField(value, [&](std::string_view key, od::value& field) -> Result<void> {
-        if (key == "url-filter") return readInto(field, urlFilter, readString);
+        if (key == "url-filter") {
+            auto read = readStringInto(field, trigger.urlFilter);
+            urlFilter = urlFilter || read.has_value();
+            return read;
+        }
         if (key == "url-filter-is-case-sensitive") return readOptional(field, caseSensitive, readBool);
         if (key == "resource-type") {
-            return readOptional(field, trigger.resourceTypes, [](od::value& list) {
-                return readArray<ResourceType>(
-                    list, [](od::value& element) { return readRawValue<ResourceType>(element, "resource type"); });
-            });
+            return readRawValueListInto<ResourceType>(field, trigger.resourceTypes, resourceTypes, "resource type");
         }
-        if (key == "load-type") {
-            return readOptional(field, trigger.loadType, [](od::value& list) {
-                return readArray<LoadType>(
-                    list, [](od::value& element) { return readRawValue<LoadType>(element, "load type"); });
-            });
-        }
+        if (key == "load-type") return readRawValueListInto<LoadType>(field, trigger.loadType, loadType, "load type");
         if (key == rawValue(DomainFilterType::ifDomain)) return readOptional(field, ifDomain, readStringArray);
         if (key == rawValue(DomainFilterType::unlessDomain)) return readOptional(field, unlessDomain, readStringArray);
         return {};
     });
-    if (!walked) return std::unexpected(walked.error());
+    if (!walked) return walked;
     if (!urlFilter) return missingKey("url-filter");
 
-    trigger.urlFilter = std::move(*urlFilter);
+    if (!resourceTypes) trigger.resourceTypes.reset();
+    if (!loadType) trigger.loadType.reset();
     // Safari's own default would be false; files written before the key was
     // always present rely on true.
     trigger.caseSensitive = caseSensitive.value_or(true);
     // Only one domain list can hold, and "if-domain" wins when both are given.
+    trigger.domainFilter.reset();
     if (ifDomain && !ifDomain->empty()) {
         trigger.domainFilter = DomainFilter{DomainFilterType::ifDomain, std::move(*ifDomain)};
     } else if (unlessDomain && !unlessDomain->empty()) {
         trigger.domainFilter = DomainFilter{DomainFilterType::unlessDomain, std::move(*unlessDomain)};
     }
-    return trigger;
+    return {};
 }
 
-Result<Action> readAction(od::value& value) {
-    std::optional<ActionType> type;
-    Action action;
+Result<void> readActionInto(od::value& value, Action& action) {
+    bool type = false;
+    bool selector = false;
     auto walked = forEachField(value, [&](std::string_view key, od::value& field) -> Result<void> {
         if (key == "type") {
-            return readInto(field, type, [](od::value& v) { return readRawValue<ActionType>(v, "action type"); });
+            auto raw = readRawValue<ActionType>(field, "action type");
+            if (!raw) return std::unexpected(raw.error());
+            action.type = *raw;
+            type = true;
+            return {};
         }
-        if (key == "selector") return readOptional(field, action.selector, readString);
+        if (key == "selector") {
+            auto null = isNull(field);
+            if (!null) return std::unexpected(null.error());
+            selector = !*null;
+            if (!selector) return {};
+            if (!action.selector) action.selector.emplace();
+            return readStringInto(field, *action.selector);
+        }
         return {};
     });
-    if (!walked) return std::unexpected(walked.error());
+    if (!walked) return walked;
     if (!type) return missingKey("type");
-    action.type = *type;
-    return action;
+    if (!selector) action.selector.reset();
+    return {};
 }
 
-Result<Blocker> readBlocker(od::value& value) {
-    std::optional<Trigger> trigger;
-    std::optional<Action> action;
+Result<void> readBlockerInto(od::value& value, Blocker& blocker) {
+    bool trigger = false;
+    bool action = false;
     auto walked = forEachField(value, [&](std::string_view key, od::value& field) -> Result<void> {
-        if (key == "trigger") return readInto(field, trigger, readTrigger);
-        if (key == "action") return readInto(field, action, readAction);
+        if (key == "trigger") {
+            auto read = readTriggerInto(field, blocker.trigger);
+            trigger = trigger || read.has_value();
+            return read;
+        }
+        if (key == "action") {
+            auto read = readActionInto(field, blocker.action);
+            action = action || read.has_value();
+            return read;
+        }
         return {};
     });
-    if (!walked) return std::unexpected(walked.error());
+    if (!walked) return walked;
     if (!trigger) return missingKey("trigger");
     if (!action) return missingKey("action");
-    return Blocker{std::move(*trigger), std::move(*action)};
+    return {};
 }
+
+// A record read into a fresh value.
+template <typename T, typename ReadInto>
+Result<T> readFresh(od::value& value, ReadInto&& readInto, T fresh = T{}) {
+    auto read = readInto(value, fresh);
+    if (!read) return std::unexpected(read.error());
+    return fresh;
+}
+
+Result<Trigger> readTrigger(od::value& value) { return readFresh<Trigger>(value, readTriggerInto); }
+Result<Action> readAction(od::value& value) { return readFresh<Action>(value, readActionInto); }
+Result<Blocker> readBlocker(od::value& value) { return readFresh<Blocker>(value, readBlockerInto); }
 
 Result<DomainFilter> readDomainFilter(od::value& value) {
     std::optional<DomainFilterType> type;
@@ -314,41 +396,59 @@ Result<T> printingFailure(Result<T> result) {
     return result;
 }
 
-Result<Rule> readRuleUnreported(od::value& value) {
-    std::optional<std::string> id;
-    std::optional<std::string> name;
-    std::optional<Blocker> content;
-    std::vector<ExtensionType> partialWhitelist;
+Result<void> readRuleIntoUnreported(od::value& value, Rule& rule) {
+    bool id = false;
+    bool name = false;
+    bool content = false;
+    rule.partialWhitelist.clear();
     auto walked = forEachField(value, [&](std::string_view key, od::value& field) -> Result<void> {
-        if (key == "id") return readInto(field, id, readString);
-        if (key == "name") return readInto(field, name, readString);
-        if (key == "content") return readInto(field, content, readBlocker);
+        if (key == "id") {
+            auto read = readStringInto(field, rule.id);
+            id = id || read.has_value();
+            return read;
+        }
+        if (key == "name") {
+            auto read = readStringInto(field, rule.name);
+            name = name || read.has_value();
+            return read;
+        }
+        if (key == "content") {
+            auto read = readBlockerInto(field, rule.blocker);
+            content = content || read.has_value();
+            return read;
+        }
         if (key == "partial-whitelist") {
-            std::optional<std::vector<std::string>> rawTypes;
-            auto read = readOptional(field, rawTypes, readStringArray);
-            if (!read) return read;
-            partialWhitelist.clear();
+            // Kept as the file has it, even for a rule that is not a
+            // whitelist rule (the constructor's check is bypassed on purpose).
+            rule.partialWhitelist.clear();
+            auto null = isNull(field);
+            if (!null) return std::unexpected(null.error());
+            if (*null) return {};
             // Strings naming no extension type (say, from a newer version) are
             // skipped instead of failing the rule.
-            for (const auto& raw : rawTypes.value_or(std::vector<std::string>{})) {
-                if (auto type = fromRawValue<ExtensionType>(raw)) partialWhitelist.push_back(*type);
-            }
-            return {};
+            return forEachElement(field, [&](od::value& element) -> Result<void> {
+                auto raw = readStringView(element);
+                if (!raw) return std::unexpected(raw.error());
+                if (auto type = fromRawValue<ExtensionType>(*raw)) rule.partialWhitelist.push_back(*type);
+                return {};
+            });
         }
         return {};
     });
-    if (!walked) return std::unexpected(walked.error());
+    if (!walked) return walked;
     if (!id) return missingKey("id");
     if (!name) return missingKey("name");
     if (!content) return missingKey("content");
-    // Bypasses the constructor's check on purpose: a file's list is kept even
-    // for a rule that is not a whitelist rule.
-    Rule rule(std::move(*id), std::move(*name), std::move(*content));
-    rule.partialWhitelist = std::move(partialWhitelist);
-    return rule;
+    return {};
 }
 
-Result<Rule> readRule(od::value& value) { return printingFailure(readRuleUnreported(value)); }
+Result<void> readRuleInto(od::value& value, Rule& rule) {
+    auto read = readRuleIntoUnreported(value, rule);
+    if (!read) platform::consolePrint(read.error().description());
+    return read;
+}
+
+Result<Rule> readRule(od::value& value) { return readFresh<Rule>(value, readRuleInto, Rule({}, {}, {})); }
 
 // The rules of a package as they are decoded, for a caller that takes them
 // one by one (see decodePackageRuleByRule): the package's identifier, looked
@@ -364,10 +464,11 @@ Result<Package> readPackage(od::value& value, const RuleStream* stream) {
     std::optional<std::vector<Rule>> rules;
     std::optional<double> createdAt;
     const auto readStreamed = [stream](od::value& list) -> Result<std::vector<Rule>> {
-        auto walked = forEachElement(list, [stream](od::value& element) -> Result<void> {
-            auto rule = readRule(element);
-            if (!rule) return std::unexpected(rule.error());
-            stream->onRule(stream->packageID, std::move(*rule));
+        // One rule at a time, each decoded over the one before.
+        Rule rule({}, {}, {});
+        auto walked = forEachElement(list, [stream, &rule](od::value& element) -> Result<void> {
+            if (auto read = readRuleInto(element, rule); !read) return read;
+            stream->onRule(stream->packageID, std::move(rule));
             return {};
         });
         if (!walked) return std::unexpected(walked.error());

@@ -1,5 +1,8 @@
 #include <simdjson.h>
 
+#include <bit>
+#include <cstdint>
+#include <cstring>
 #include <string>
 
 #include "model/JSONCoding.h"
@@ -62,6 +65,158 @@ void writeString(JSONWriter& writer, std::string_view text) {
         const std::string repaired = repairedUTF8(text);
         writer.String(repaired.data(), static_cast<rapidjson::SizeType>(repaired.size()));
     }
+}
+
+// Where an entry's bytes go: straight into the writer's buffer, which only
+// the writer itself can reach (its stream is a protected member).
+class EntrySink : JSONWriter {
+public:
+    static rapidjson::StringBuffer& of(JSONWriter& writer) { return *(writer.*&EntrySink::os_); }
+};
+
+class Output {
+public:
+    explicit Output(rapidjson::StringBuffer& buffer) : buffer_(buffer) {}
+
+    void append(const char* bytes, std::size_t count) {
+        if (count > 0) std::memcpy(buffer_.Push(count), bytes, count);
+    }
+    void append(std::string_view text) { append(text.data(), text.size()); }
+    void put(char c) { buffer_.Put(c); }
+
+private:
+    rapidjson::StringBuffer& buffer_;
+};
+
+// Eight bytes at a time (in memory order on a little-endian machine): the
+// bit 7 of each byte of the result is set where `word` holds a byte that a
+// JSON string cannot hold as it is (a control character, a quotation mark, a
+// reverse solidus), and possibly at higher bytes after such a byte. Bytes of
+// 0x80 and above are never flagged.
+constexpr std::uint64_t ones = 0x0101010101010101ULL;
+constexpr std::uint64_t highs = 0x8080808080808080ULL;
+
+std::uint64_t specialBytes(std::uint64_t word) {
+    const auto zeroBytes = [](std::uint64_t v) { return (v - ones) & ~v & highs; };
+    const std::uint64_t control = (word - ones * 0x20) & ~word & highs;
+    return control | zeroBytes(word ^ (ones * '"')) | zeroBytes(word ^ (ones * '\\'));
+}
+
+bool isASCII(std::string_view text) {
+    std::size_t i = 0;
+    std::uint64_t high = 0;
+    for (; i + 8 <= text.size(); i += 8) {
+        std::uint64_t word;
+        std::memcpy(&word, text.data() + i, 8);
+        high |= word;
+    }
+    for (; i < text.size(); ++i) high |= static_cast<unsigned char>(text[i]);
+    return (high & highs) == 0;
+}
+
+// Writes `text` as a JSON string, byte for byte as JSONWriter writes it:
+// quotation mark, reverse solidus and control characters escaped (the
+// common ones by letter, the rest as \u00XX), everything else as it is,
+// after broken UTF-8 is repaired.
+void writeQuoted(Output& out, std::string_view text) {
+    static constexpr char hexDigits[] = "0123456789ABCDEF";
+    std::string repaired;
+    if (!isASCII(text) && !simdjson::validate_utf8(text.data(), text.size())) {
+        repaired = repairedUTF8(text);
+        text = repaired;
+    }
+    out.put('"');
+    std::size_t run = 0;
+    std::size_t i = 0;
+    while (i < text.size()) {
+        if (std::endian::native == std::endian::little && i + 8 <= text.size()) {
+            std::uint64_t word;
+            std::memcpy(&word, text.data() + i, 8);
+            const std::uint64_t special = specialBytes(word);
+            if (special == 0) {
+                i += 8;
+                continue;
+            }
+            // The lowest flagged byte is a real one (a false flag needs a
+            // real one below it): skip straight to it.
+            i += static_cast<std::size_t>(std::countr_zero(special)) / 8;
+        }
+        const auto c = static_cast<unsigned char>(text[i]);
+        if (c >= 0x20 && c != '"' && c != '\\') {
+            ++i;
+            continue;
+        }
+        out.append(text.data() + run, i - run);
+        run = ++i;
+        out.put('\\');
+        switch (c) {
+            case '"': out.put('"'); break;
+            case '\\': out.put('\\'); break;
+            case '\b': out.put('b'); break;
+            case '\t': out.put('t'); break;
+            case '\n': out.put('n'); break;
+            case '\f': out.put('f'); break;
+            case '\r': out.put('r'); break;
+            default:
+                out.append("u00", 3);
+                out.put(hexDigits[c >> 4]);
+                out.put(hexDigits[c & 0xF]);
+        }
+    }
+    out.append(text.data() + run, text.size() - run);
+    out.put('"');
+}
+
+template <RawRepresentable E>
+void writeRawValueList(Output& out, const std::vector<E>& values) {
+    out.put('[');
+    for (std::size_t i = 0; i < values.size(); ++i) {
+        if (i > 0) out.put(',');
+        // Raw values are plain ASCII words: nothing to escape.
+        out.put('"');
+        out.append(rawValue(values[i]));
+        out.put('"');
+    }
+    out.put(']');
+}
+
+// A content-blocker entry as JSONWriter writes it with writeTrigger and
+// writeAction. Entries are most of what the compiler writes, so they are
+// put together here in one pass.
+void writeEntry(Output& out, const Blocker& blocker) {
+    using namespace std::string_view_literals;
+    const Trigger& trigger = blocker.trigger;
+    out.append(R"({"trigger":{"url-filter":)"sv);
+    writeQuoted(out, trigger.urlFilter);
+    out.append(trigger.caseSensitive ? R"(,"url-filter-is-case-sensitive":true)"sv
+                                     : R"(,"url-filter-is-case-sensitive":false)"sv);
+    if (trigger.resourceTypes) {
+        out.append(R"(,"resource-type":)"sv);
+        writeRawValueList(out, *trigger.resourceTypes);
+    }
+    if (trigger.loadType) {
+        out.append(R"(,"load-type":)"sv);
+        writeRawValueList(out, *trigger.loadType);
+    }
+    if (trigger.domainFilter && !trigger.domainFilter->values.empty()) {
+        out.append(R"(,")"sv);
+        out.append(rawValue(trigger.domainFilter->type));
+        out.append(R"(":[)"sv);
+        const auto& values = trigger.domainFilter->values;
+        for (std::size_t i = 0; i < values.size(); ++i) {
+            if (i > 0) out.put(',');
+            writeQuoted(out, values[i]);
+        }
+        out.put(']');
+    }
+    out.append(R"(},"action":{"type":")"sv);
+    out.append(rawValue(blocker.action.type));
+    out.put('"');
+    if (blocker.action.selector) {
+        out.append(R"(,"selector":)"sv);
+        writeQuoted(out, *blocker.action.selector);
+    }
+    out.append("}}"sv);
 }
 
 void writeKey(JSONWriter& writer, std::string_view key) {
@@ -161,12 +316,11 @@ void writeAction(JSONWriter& writer, const Action& action) {
 }
 
 void writeBlocker(JSONWriter& writer, const Blocker& blocker) {
-    writer.StartObject();
-    writeKey(writer, "trigger");
-    writeTrigger(writer, blocker.trigger);
-    writeKey(writer, "action");
-    writeAction(writer, blocker.action);
-    writer.EndObject();
+    // An empty raw value places the comma before the entry and counts it
+    // in the writer's state; the entry's bytes follow it in the buffer.
+    writer.RawValue("", 0, rapidjson::kObjectType);
+    Output out(EntrySink::of(writer));
+    writeEntry(out, blocker);
 }
 
 // Writing a rule cannot fail: every string is written as valid UTF-8 and a

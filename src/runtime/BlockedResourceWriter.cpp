@@ -25,49 +25,81 @@ void bindText(SQLite::Statement& statement, int index, const std::optional<std::
 
 }  // namespace
 
-BlockedResourceWriter::BlockedResourceWriter(BlockedResourceDatabase& database)
-    : database_(database), queue_(std::string(build::baseIdentifier) + ".core-data-store.writer") {}
+BlockedResourceWriter::BlockedResourceWriter(BlockedResourceDatabase& database, std::chrono::milliseconds window)
+    : database_(database), window_(window), queue_(std::string(build::baseIdentifier) + ".core-data-store.writer") {}
 
 BlockedResourceWriter::~BlockedResourceWriter() { waitUntilWritten(); }
 
 void BlockedResourceWriter::insert(std::vector<BlockedResource> records, Completion completion) {
-    bool first = false;
+    // A flush is queued whenever pending records exist: the one queued when
+    // the first of them arrived, which has not taken them yet. Work is queued
+    // under the lock, so the queue's order is the order of these changes, and
+    // saves and waits queued after this call run after the records' commit.
+    bool full = false;
     {
         std::lock_guard lock(pendingMutex_);
-        first = pending_.empty();
+        const bool first = pending_.empty();
         recordsSinceSave_ += records.size();
+        pendingRecords_ += records.size();
+        full = pendingRecords_ >= groupCommitRecords;
         pending_.push_back({std::move(records), std::move(completion)});
+        if (first) {
+            queue_.async([this] { flushPending(); });
+            // A save queued before this flush must not answer for these records.
+            openSave_.reset();
+        }
     }
-    if (first) queue_.async([this] { flushPending(); });
+    if (full) batchFull_.notify_one();
 }
 
-bool BlockedResourceWriter::whenWrittenSinceLastSave(
-    std::function<void(const std::optional<StoreError>& failure)> settled) {
-    {
-        std::lock_guard lock(pendingMutex_);
-        if (std::exchange(recordsSinceSave_, 0) == 0) return false;
+bool BlockedResourceWriter::whenWrittenSinceLastSave(SaveCompletion settled) {
+    std::lock_guard lock(pendingMutex_);
+    if (std::exchange(recordsSinceSave_, 0) == 0) return false;
+    // A burst asks for a save after every report; those that find a save
+    // still queued with no flush behind it join it instead of queuing one each.
+    if (openSave_) {
+        openSave_->push_back(std::move(settled));
+        return true;
     }
-    queue_.async([this, settled = std::move(settled)] {
-        flushPending();
+    auto save = std::make_shared<std::vector<SaveCompletion>>();
+    save->push_back(std::move(settled));
+    openSave_ = save;
+    // The records since the last save are committed (or failed) by the time
+    // this runs: their flush was queued before it.
+    queue_.async([this, save] {
         std::optional<StoreError> failure;
+        std::vector<SaveCompletion> waiting;
         {
             std::lock_guard lock(pendingMutex_);
+            if (openSave_ == save) openSave_.reset();
+            waiting.swap(*save);
             failure = std::exchange(failureSinceSave_, std::nullopt);
         }
-        settled(failure);
+        for (auto& completion : waiting) completion(failure);
     });
     return true;
 }
 
 void BlockedResourceWriter::waitUntilWritten() {
+    // Whoever waits gets the pending records committed without the window.
+    {
+        std::lock_guard lock(pendingMutex_);
+        hurried_ = true;
+    }
+    batchFull_.notify_one();
     queue_.sync([] {});
 }
 
 void BlockedResourceWriter::flushPending() {
     std::vector<PendingInsert> batch;
     {
-        std::lock_guard lock(pendingMutex_);
+        std::unique_lock lock(pendingMutex_);
+        if (!pending_.empty() && window_.count() > 0) {
+            batchFull_.wait_for(lock, window_, [this] { return hurried_ || pendingRecords_ >= groupCommitRecords; });
+        }
+        hurried_ = false;
         batch.swap(pending_);
+        pendingRecords_ = 0;
     }
     if (batch.empty()) return;
     auto write = [&](BlockedResourceDatabase& open) { writeBatch(open, batch); };

@@ -10,8 +10,11 @@
 #include <algorithm>
 #include <array>
 #include <cctype>
+#include <mutex>
+#include <string>
 #include <unordered_set>
 #include <utility>
+#include <vector>
 
 namespace tamsel::runtime {
 
@@ -72,23 +75,41 @@ struct HistoryStore::Core : std::enable_shared_from_this<HistoryStore::Core> {
             addNewRecordsGroup.leave();
             return;
         }
-        addNewRecordsQueue.async([self = shared_from_this(), pageURL = *properties->url, url, type] {
-            auto completion = [&self](const std::optional<StoreError>& error) {
-                if (error) platform::consolePrint(error->description);
-                self->addNewRecordsGroup.leave();
-            };
+        // Reports of a burst arrive faster than the add queue wakes up for
+        // each: they wait together, and one turn of the queue hands them all
+        // to the store in the order they came.
+        std::lock_guard lock(pendingAddsMutex);
+        const bool first = pendingAdds.empty();
+        pendingAdds.push_back({*properties->url, url, type});
+        if (first) addNewRecordsQueue.async([self = shared_from_this()] { self->handOverPendingAdds(); });
+    }
+
+    void handOverPendingAdds() {
+        std::vector<PendingAdd> adds;
+        {
+            std::lock_guard lock(pendingAddsMutex);
+            adds.swap(pendingAdds);
+        }
+        for (PendingAdd& add : adds) {
             // A store that could not be opened cannot take the record; the
             // memory history keeps it all the same, so the badge counts it.
             std::optional<StoreError> handOver;
-            if (self->store.isLoaded()) {
-                self->store.insertRecord(pageURL, url, type);
+            if (store.isLoaded()) {
+                store.insertRecord(std::move(add.pageURL), add.url, add.type);
             } else {
                 handOver = StoreError{0, "The blocked-resources store is not loaded", {}};
             }
-            platform::consolePrint("Added History record: " + url + " [" + std::string(caseName(type)) + "]");
-            completion(handOver);
-        });
+            platform::consolePrint("Added History record: " + add.url + " [" + std::string(caseName(add.type)) + "]");
+            if (handOver) platform::consolePrint(handOver->description);
+            addNewRecordsGroup.leave();
+        }
     }
+
+    struct PendingAdd {
+        std::string pageURL;
+        std::string url;
+        model::ExtensionType type;
+    };
 
     CoreDataStore& store;
     const platform::Clock& clock;
@@ -96,6 +117,8 @@ struct HistoryStore::Core : std::enable_shared_from_this<HistoryStore::Core> {
     const std::function<void()> reloadWidgets;
 
     platform::Synchronized<PageMap> historyPerPage;
+    std::mutex pendingAddsMutex;
+    std::vector<PendingAdd> pendingAdds;
     platform::DispatchQueue addNewRecordsQueue;
     platform::DispatchGroup addNewRecordsGroup;
 };

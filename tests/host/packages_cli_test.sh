@@ -46,6 +46,27 @@ tamsel --json packages
 expect_stdout_contains '"id":"block-german","name":"German Ads","category":"international","extensionType":"block-international","rules":3,"enabledRules":2,"disabledRules":1,"enabled":true}'
 finish
 
+begin "packages follows a package file replaced after its summary was made, and a damaged summary"
+tamsel --json packages
+expect_stdout_contains '"id":"block-ads","name":"Ads","category":"general","extensionType":"block-ads","rules":8,'
+[ -f "$FILTERS/.block-ads.json.summary" ] || problem "no summary beside block-ads.json"
+python3 - "$FILTERS/block-ads.json" <<'PY'
+import json, os, sys
+path = sys.argv[1]
+package = json.load(open(path))
+package["name"] = "Ads, shorter"
+package["rules"] = package["rules"][:5]
+with open(path + ".new", "w") as out:
+    json.dump(package, out)
+os.replace(path + ".new", path)
+PY
+tamsel --json packages
+expect_stdout_contains '"id":"block-ads","name":"Ads, shorter","category":"general","extensionType":"block-ads","rules":5,"enabledRules":5,"disabledRules":0,'
+printf 'tamsel-package-summary 1\ngarbage' > "$FILTERS/.block-ads.json.summary"
+tamsel --json packages
+expect_stdout_contains '"id":"block-ads","name":"Ads, shorter","category":"general","extensionType":"block-ads","rules":5,"enabledRules":5,"disabledRules":0,'
+finish
+
 # ---------------------------------------------------------------- enable / disable
 
 fresh_home

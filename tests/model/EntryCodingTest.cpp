@@ -235,3 +235,51 @@ TEST(EntryCodingTest, StringsThatAreNotUTF8AreRepairedOnWriting) {
 
 }  // namespace
 }  // namespace tamsel::model
+
+namespace tamsel::model {
+namespace {
+
+// An entry goes into Safari JSON files through a writer of its own; it must
+// give exactly the bytes that writing its trigger and action field by field
+// with the JSON writer gives, whatever the strings hold.
+TEST(EntryCodingTest, WholeEntryWriterMatchesFieldByFieldWriting) {
+    const std::vector<std::string> strings{
+        "",
+        "^https?://ads\\.example\\.com/",
+        // Specials at every offset of an eight-byte word, and runs of them.
+        "12345678\\\\\\\"\"a\\b.c\\d.\"\x01" "234567\\",
+        "quote \" and reverse solidus \\ and solidus /",
+        std::string("nul \0 and \x01\x07\x0B\x0E\x1F\x7F", 17),
+        "\b\t\n\f\r",
+        "caf\xC3\xA9 \xE2\x82\xAC \xF0\x9F\x98\x80",
+        "broken \xC3 sequence \xED\xA0\x80 surrogate \xF5",
+    };
+    std::vector<Blocker> blockers;
+    for (const std::string& text : strings) {
+        Trigger trigger{.urlFilter = text, .caseSensitive = text.size() % 2 == 0};
+        trigger.resourceTypes = std::vector{ResourceType::script, ResourceType::styleSheet};
+        trigger.domainFilter = DomainFilter{DomainFilterType::unlessDomain, {text, "*b.example"}};
+        blockers.push_back(Blocker{trigger, Action{ActionType::hide, text}});
+        trigger.resourceTypes = std::vector<ResourceType>{};
+        trigger.loadType = std::vector{LoadType::firstParty};
+        trigger.domainFilter = DomainFilter{DomainFilterType::ifDomain, {}};
+        blockers.push_back(Blocker{trigger, Action{ActionType::block, std::nullopt}});
+    }
+    for (const Blocker& blocker : blockers) {
+        rapidjson::StringBuffer buffer;
+        JSONWriter writer(buffer);
+        writer.StartObject();
+        writer.Key("trigger");
+        writeTrigger(writer, blocker.trigger);
+        writer.Key("action");
+        writeAction(writer, blocker.action);
+        writer.EndObject();
+        EXPECT_EQ(encodeBlocker(blocker), std::string(buffer.GetString(), buffer.GetSize()));
+    }
+    // In a list the writer still places the commas.
+    EXPECT_EQ(encodeBlockers({blockers[0], blockers[1]}),
+              "[" + encodeBlocker(blockers[0]) + "," + encodeBlocker(blockers[1]) + "]");
+}
+
+}  // namespace
+}  // namespace tamsel::model

@@ -337,3 +337,52 @@ TEST(RulePackageTest, PackageFilesRoundTripAsObjectOrArray) {
 
 }  // namespace
 }  // namespace tamsel::model
+
+namespace tamsel::model {
+namespace {
+
+// Streamed rules are decoded one over the other: nothing of a rule may stay
+// behind in the next, whichever optional parts each has, and whether or not
+// the receiver takes the rule away.
+TEST(RuleStreamTest, EachStreamedRuleIsExactlyTheOneInTheFile) {
+    std::vector<Rule> rules;
+    for (int i = 0; i < 64; ++i) {
+        Trigger trigger{.urlFilter = "^https?://r" + std::string(static_cast<std::size_t>(i % 7) * 5, 'x') + "\\.example/",
+                        .caseSensitive = i % 2 == 0};
+        if (i % 3 == 0) trigger.resourceTypes = std::vector{ResourceType::script, ResourceType::image};
+        if (i % 5 == 1) trigger.resourceTypes = std::vector<ResourceType>{};
+        if (i % 4 == 0) trigger.loadType = std::vector{LoadType::thirdParty};
+        if (i % 6 == 2) trigger.domainFilter = DomainFilter{DomainFilterType::ifDomain, {"a.example", "*b.example"}};
+        if (i % 6 == 3) trigger.domainFilter = DomainFilter{DomainFilterType::unlessDomain, {"c.example"}};
+        Action action{ActionType::block, std::nullopt};
+        if (i % 4 == 1) action = Action{ActionType::hide, ".ad-" + std::to_string(i)};
+        if (i % 8 == 7) action = Action{ActionType::ignorePreviousRules, std::nullopt};
+        Rule rule("rule-" + std::to_string(i), i % 9 == 0 ? "" : "Rule " + std::to_string(i), Blocker{trigger, action});
+        if (i % 8 == 7 && i % 16 != 15) rule.partialWhitelist = {ExtensionType::blockAds, ExtensionType::blockSocial};
+        rules.push_back(std::move(rule));
+    }
+    const std::string json = encodePackage(Package("block-ads", "Ads", rules));
+
+    for (const bool takeAway : {false, true}) {
+        std::vector<Rule> streamed;
+        auto package = decodePackageRuleByRule(json, [&](const std::string& packageID, Rule&& rule) {
+            EXPECT_EQ(packageID, "block-ads");
+            if (takeAway) {
+                streamed.push_back(std::move(rule));
+            } else {
+                streamed.push_back(rule);
+            }
+        });
+        ASSERT_TRUE(package.has_value()) << package.error().description;
+        EXPECT_TRUE(package->rules.empty());
+        ASSERT_EQ(streamed.size(), rules.size());
+        for (std::size_t i = 0; i < rules.size(); ++i) EXPECT_EQ(streamed[i], rules[i]) << "rule " << i;
+    }
+    // And the whole package decodes to the same rules.
+    auto whole = decodePackage(json);
+    ASSERT_TRUE(whole.has_value());
+    EXPECT_EQ(whole->rules, rules);
+}
+
+}  // namespace
+}  // namespace tamsel::model
