@@ -34,13 +34,7 @@ finish
 begin "the server prints where it listens first"
 "$TAMSEL" --home "$WORK/server-home" cloud-server --listen 127.0.0.1:0 --database "$DB" >"$WORK/server.out" 2>"$WORK/server.err" &
 SERVER_PID=$!
-URL=""
-for _ in $(seq 1 300); do
-    URL=$(sed -n '1s/^listening on \(http:\/\/127\.0\.0\.1:[0-9]*\)$/\1/p' "$WORK/server.out")
-    [ -n "$URL" ] && break
-    kill -0 "$SERVER_PID" 2>/dev/null || break
-    sleep 0.1
-done
+URL=$(listening_url "$WORK/server.out" "$SERVER_PID")
 [ -n "$URL" ] || problem "no 'listening on' line: $(cat "$WORK/server.out" "$WORK/server.err")"
 finish
 
@@ -116,9 +110,7 @@ SERVER_PID=""
 begin "killed while writing, the database stays whole"
 "$TAMSEL" --home "$WORK/server-home" cloud-server --listen 127.0.0.1:0 --database "$DB" >"$WORK/server.out" 2>&1 &
 SERVER_PID=$!
-for _ in $(seq 1 300); do
-    URL=$(sed -n '1s/^listening on \(http:\/\/127\.0\.0\.1:[0-9]*\)$/\1/p' "$WORK/server.out"); [ -n "$URL" ] && break; sleep 0.1
-done
+URL=$(listening_url "$WORK/server.out" "$SERVER_PID")
 ops=""
 for i in $(seq 1 300); do ops="$ops${ops:+,}{\"operationType\":\"create\",\"record\":{\"recordName\":\"r$i\",\"recordType\":\"rule\",\"fields\":{\"name\":{\"value\":\"$i\",\"type\":\"STRING\"}}}}"; done
 echo "{\"operations\":[$ops]}" >"$WORK/batch.json"
@@ -134,10 +126,7 @@ wait "$SERVER_PID" 2>/dev/null
 wait "$writer" 2>/dev/null
 "$TAMSEL" --home "$WORK/server-home" cloud-server --listen 127.0.0.1:0 --database "$DB" >"$WORK/server.out" 2>&1 &
 SERVER_PID=$!
-URL=""
-for _ in $(seq 1 300); do
-    URL=$(sed -n '1s/^listening on \(http:\/\/127\.0\.0\.1:[0-9]*\)$/\1/p' "$WORK/server.out"); [ -n "$URL" ] && break; sleep 0.1
-done
+URL=$(listening_url "$WORK/server.out" "$SERVER_PID")
 [ -n "$URL" ] || problem "the server did not start again on the database"
 # Whole batches only: the number of records is a multiple of 300.
 total=0
@@ -165,11 +154,8 @@ if command -v openssl >/dev/null; then
     "$TAMSEL" --home "$WORK/server-home" cloud-server --listen 127.0.0.1:0 --database "$DB" \
         --tls-cert "$WORK/cert.pem" --tls-key "$WORK/key.pem" >"$WORK/server.out" 2>&1 &
     SERVER_PID=$!
-    URL=""
-    for _ in $(seq 1 300); do
-        URL=$(sed -n '1s/^listening on \(https:\/\/127\.0\.0\.1:[0-9]*\)$/\1/p' "$WORK/server.out"); [ -n "$URL" ] && break; sleep 0.1
-    done
-    [ -n "$URL" ] || problem "no https address: $(cat "$WORK/server.out")"
+    URL=$(listening_url "$WORK/server.out" "$SERVER_PID")
+    [[ $URL == https://* ]] || problem "no https address: $(cat "$WORK/server.out")"
     curl -sk -H "Authorization: Bearer $ROOT" "$URL/database/1/C/development/private/users/current" | grep -q userRecordName ||
         problem "users/current over https failed"
     kill "$SERVER_PID" 2>/dev/null

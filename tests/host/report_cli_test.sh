@@ -19,12 +19,7 @@ ADMIN=$(server add-user root --admin)
 ALICE=$(server add-user alice)
 "$TAMSEL" --home "$WORK/server-home" cloud-server --listen 127.0.0.1:0 --database "$DB" >"$WORK/server.out" 2>&1 &
 SERVER_PID=$!
-URL=""
-for _ in $(seq 1 300); do
-    URL=$(sed -n '1s/^listening on \(http:\/\/127\.0\.0\.1:[0-9]*\)$/\1/p' "$WORK/server.out")
-    [ -n "$URL" ] && break
-    sleep 0.1
-done
+URL=$(listening_url "$WORK/server.out" "$SERVER_PID")
 [ -n "$URL" ] || { echo "the cloud server did not start: $(cat "$WORK/server.out")"; exit 1; }
 REPORTS="$URL/database/1/iCloud.app.tamsel.Tamsel.Report/development/public"
 

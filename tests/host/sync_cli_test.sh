@@ -45,12 +45,7 @@ on() {
 ALICE=$(cat "$WORK/token")
 "$TAMSEL" --home "$WORK/server-home" cloud-server --listen 127.0.0.1:0 --database "$DB" >"$WORK/server.out" 2>"$WORK/server.err" &
 SERVER_PID=$!
-URL=""
-for _ in $(seq 1 300); do
-    URL=$(sed -n '1s/^listening on \(http:\/\/127\.0\.0\.1:[0-9]*\)$/\1/p' "$WORK/server.out")
-    [ -n "$URL" ] && break
-    sleep 0.1
-done
+URL=$(listening_url "$WORK/server.out" "$SERVER_PID")
 [ -n "$URL" ] || { echo "no cloud server: $(cat "$WORK/server.err")"; exit 1; }
 
 for home in "$HOME_A" "$HOME_B"; do

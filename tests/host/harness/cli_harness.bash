@@ -105,3 +105,17 @@ expect_stderr_contains() { grep -qF -- "$1" "$WORK/err" || problem "stderr lacks
 # The product's log lines go to the data root's log file (and with -v to stderr).
 LOG_FILE_NAME=logs/tamsel.log
 expect_log_contains() { grep -qF -- "$1" "$DATA/$LOG_FILE_NAME" 2>/dev/null || problem "the log file lacks '$1'"; }
+
+# The address a server prints first, "listening on http(s)://127.0.0.1:PORT",
+# once it has: waits up to 30 s, and stops early when the server (PID) exits.
+# Prints nothing when no such line came.
+listening_url() {
+    local file=$1 pid=$2 url=""
+    for _ in $(seq 1 300); do
+        url=$(sed -n '1s/^listening on \(https\{0,1\}:\/\/127\.0\.0\.1:[0-9]*\)$/\1/p' "$file" 2>/dev/null)
+        [ -n "$url" ] && break
+        kill -0 "$pid" 2>/dev/null || break
+        sleep 0.1
+    done
+    printf '%s' "$url"
+}
