@@ -22,14 +22,6 @@ fetch() {  # fetch DEST PATH [curl arguments...]: body in $WORK/out, status in $
     status=$(curl -s -o "$WORK/out" -w '%{http_code}' -H "Sec-Fetch-Dest: $dest" "$@" "$CONTENT$path")
     : >"$WORK/err"
 }
-eventually() {
-    local i
-    for i in $(seq 200); do
-        if "$@"; then return 0; fi
-        sleep 0.1
-    done
-    return 1
-}
 badge() {
     curl -s -X POST --data '{}' "$BASE/api/toolbar/validate" >/dev/null
     curl -s "$BASE/api/toolbar" | jq -r .badge

@@ -45,15 +45,6 @@ badge() {
     get "$BASE/api/toolbar"
     jq -r .badge "$WORK/out"
 }
-# Polls (up to 20 s) until the command succeeds.
-eventually() {
-    local i
-    for i in $(seq 200); do
-        if "$@"; then return 0; fi
-        sleep 0.1
-    done
-    return 1
-}
 
 # --- start ------------------------------------------------------------------------------------
 begin "serve prints its address first and answers on it"

@@ -16,15 +16,6 @@ harness_cleanup() {
     [ -n "$SERVER_PID" ] && kill "$SERVER_PID" 2>/dev/null
 }
 
-# Polls (up to 20 s) until the command succeeds.
-eventually() {
-    local i
-    for i in $(seq 200); do
-        if "$@"; then return 0; fi
-        sleep 0.1
-    done
-    return 1
-}
 
 DB="sqlite:$WORK/cloud.sqlite"
 HOME_A=$WORK/a

@@ -119,3 +119,13 @@ listening_url() {
     done
     printf '%s' "$url"
 }
+
+# Polls (up to 20 s) until the command succeeds.
+eventually() {
+    local i
+    for i in $(seq 200); do
+        if "$@"; then return 0; fi
+        sleep 0.1
+    done
+    return 1
+}
