@@ -33,3 +33,20 @@ export function toggle(name, on, onchange) {
     onclick: (event) => { event.stopPropagation(); onchange(!on); },
   });
 }
+
+// Replaces a box's children and keeps keyboard focus: the control that had it
+// gets it again in the new drawing, so a keystroke that arrives after a redraw
+// still reaches the row it was meant for instead of the page's body.
+export function replaceKeepingFocus(box, ...children) {
+  const focused = box.contains(document.activeElement) ? focusKey(document.activeElement) : null;
+  box.replaceChildren(...children);
+  if (!focused) return;
+  const again = [...box.querySelectorAll(focused.tag)].find((node) => focusKey(node).id === focused.id);
+  if (again) again.focus({ preventScroll: true });
+}
+
+function focusKey(node) {
+  const tag = node.tagName.toLowerCase();
+  return { tag, id: [tag, node.getAttribute('role'), node.getAttribute('aria-label'),
+    node.dataset.row, node.dataset.counter, node.firstChild?.textContent].join('\u0001') };
+}

@@ -1,5 +1,5 @@
 // The popover under the toolbar button, drawn from GET /api/popover.
-import { get, post, el, toggle } from './api.js';
+import { get, post, el, toggle, replaceKeepingFocus } from './api.js';
 
 const dark = matchMedia('(prefers-color-scheme: dark)');
 let chart = null;
@@ -29,7 +29,7 @@ function renderRows(rows, page) {
     if (!sections.has(row.section)) sections.set(row.section, el('div', { class: 'section' }));
     sections.get(row.section).append(renderRow(row, page));
   }
-  box.replaceChildren(...sections.values());
+  replaceKeepingFocus(box, ...sections.values());
 }
 
 function renderRow(row, page) {
@@ -99,7 +99,7 @@ function renderChild(child, page) {
   if (child.kind === 'blockedHistory') history(child, body);
   if (child.kind === 'siteReporter') report(child, body, box);
   if (chart && child.kind !== 'blockingStats') { chart.destroy(); chart = null; }
-  box.replaceChildren(bar, body);
+  replaceKeepingFocus(box, bar, body);
   if (child.kind === 'blockingStats') drawChart(child, box.querySelector('canvas'));
 }
 
