@@ -318,7 +318,7 @@ void ExtensionManager::addSaveOperation(ExtensionType extension, ReloadingComple
             // counts as skipped here, and the newer request reloads it.
             if (auto self = weak.lock()) self->enqueueReload(type, 0, {std::move(reloadCompletion), onSkipped});
         },
-        bodies_);
+        bodies_, settler_);
     // Runs when the operation is finished, also when the queue dropped it.
     std::weak_ptr<SaveReloadOperation> weakOperation = operation;
     operation->setCompletionBlock([weakOperation, onSkipped = std::move(onSkipped)] {
@@ -581,7 +581,7 @@ void ExtensionManager::postDidUpdateExtensionStatusCacheNotification() {
 
 bool ExtensionManager::isIdle() const {
     return pendingStateQueries_.load() == 0 && pendingRetries_.load() == 0 && saveQueue_.operationCount() == 0 &&
-           reloadSafariOnlyQueue_.operationCount() == 0;
+           reloadSafariOnlyQueue_.operationCount() == 0 && settler_->isIdle();
 }
 
 bool ExtensionManager::waitUntilIdle(std::chrono::milliseconds timeout) {

@@ -9,6 +9,7 @@
 #include "platform/OperationQueue.h"
 #include "platform/Synchronized.h"
 #include "storage/ExtensionReloading.h"
+#include "storage/RebuildSettler.h"
 #include "storage/ReloadingResult.h"
 
 #include <array>
@@ -161,7 +162,8 @@ public:
 
     // --- For the command line and tests ---------------------------------------------------
 
-    // Whether nothing is queued, running or waiting for a retry.
+    // Whether nothing is queued, running or waiting for a retry, and every
+    // rebuilt file is on disk.
     bool isIdle() const;
     // Runs the main queue until the manager is idle and the main queue has
     // nothing left, or `timeout` passed. Must be called on the main thread.
@@ -213,6 +215,8 @@ private:
     // What each extension's packages contributed to its file at its last
     // rebuild, for the next rebuild to take while it still holds.
     const std::shared_ptr<EncodedBodyCache> bodies_ = std::make_shared<EncodedBodyCache>();
+    // Puts rebuilt files on disk after Safari has them, and settles their debts.
+    const std::shared_ptr<storage::RebuildSettler> settler_ = std::make_shared<storage::RebuildSettler>();
     // Retries waiting for their delay, and cache refreshes in flight.
     std::atomic<int> pendingRetries_{0};
     std::atomic<int> pendingStateQueries_{0};

@@ -18,6 +18,7 @@
 #include <filesystem>
 #include <mutex>
 #include <optional>
+#include <span>
 #include <string>
 #include <utility>
 #include <vector>
@@ -124,13 +125,15 @@ Part heldPart(const storage::PackageList& list, std::size_t index, const storage
 
 SaveReloadOperation::SaveReloadOperation(ExtensionType extensionType, bool allowsCancelling,
                                          storage::ReloadingCompletion completion, DataManager& dataManager,
-                                         ReloadRequest reloadRequest, std::shared_ptr<EncodedBodyCache> bodies)
+                                         ReloadRequest reloadRequest, std::shared_ptr<EncodedBodyCache> bodies,
+                                         std::shared_ptr<storage::RebuildSettler> settler)
     : extensionType_(extensionType),
       allowsCancelling_(allowsCancelling),
       completion_(std::move(completion)),
       dataManager_(dataManager),
       reloadRequest_(std::move(reloadRequest)),
-      bodies_(std::move(bodies)) {}
+      bodies_(std::move(bodies)),
+      settler_(std::move(settler)) {}
 
 bool SaveReloadOperation::reachedCheckpointCancelled() const { return allowsCancelling_ && isCancelled(); }
 
@@ -240,22 +243,29 @@ void SaveReloadOperation::main() {
 
     // A failed write still reloads: Safari then compiles whatever file is on
     // disk, which keeps the extension in a known state.
-    const bool written = [&] {
-        auto result = PersistentStore::write(file, extensionType_);
-        if (!result) {
-            platform::consolePrint("Can't save to Safari JSON file and reload Safari: " +
-                                   result.error().description());
-        }
-        return result.has_value();
-    }();
+    std::shared_ptr<platform::UnflushedFile> written;
+    if (auto result = PersistentStore::writeUnflushed(file, extensionType_); result) {
+        written = std::make_shared<platform::UnflushedFile>(std::move(*result));
+        // Without a settler the file is on disk before Safari is asked.
+        if (!settler_ && platform::flushFiles(std::span(written.get(), 1))) written.reset();
+    } else {
+        platform::consolePrint("Can't save to Safari JSON file and reload Safari: " + result.error().description());
+    }
     platform::consolePrint("🏁 DONE saving JSON for \"" + displayName + "\"");
     if (reachedCheckpointCancelled()) return;
 
     didRequestReload_ = true;
-    // The debt is paid once Safari has the file that was written from it.
-    reloadRequest_(extensionType_, [written, settle, completion = std::move(completion_)](
-                                       storage::ReloadingResult result) {
-        if (written && result) settle();
+    // The debt is paid once Safari has the file that was written from it,
+    // and the file is on disk.
+    reloadRequest_(extensionType_, [written, settle, settler = settler_, extension = extensionType_, ticket,
+                                    completion = std::move(completion_)](storage::ReloadingResult result) {
+        if (written && result) {
+            if (settler) {
+                settler->settleWhenFlushed(std::move(*written), extension, ticket);
+            } else {
+                settle();
+            }
+        }
         if (completion) completion(std::move(result));
     });
 }

@@ -3,6 +3,7 @@
 #include "control/EncodedBodyCache.h"
 #include "model/ExtensionType.h"
 #include "platform/Operation.h"
+#include "storage/RebuildSettler.h"
 #include "storage/ReloadingResult.h"
 
 #include <atomic>
@@ -37,9 +38,13 @@ public:
     // With `bodies`, what each package contributes to the file is taken from
     // there while it still holds, and kept there for the next rebuild;
     // without, everything is encoded afresh. The file is the same either way.
+    // With `settler`, the file is reloaded before it is on disk and the
+    // settler settles the extension's rebuild debt once it is; without, the
+    // file is on disk before the reload is asked for.
     SaveReloadOperation(model::ExtensionType extensionType, bool allowsCancelling,
                         storage::ReloadingCompletion completion, DataManager& dataManager,
-                        ReloadRequest reloadRequest, std::shared_ptr<EncodedBodyCache> bodies = nullptr);
+                        ReloadRequest reloadRequest, std::shared_ptr<EncodedBodyCache> bodies = nullptr,
+                        std::shared_ptr<storage::RebuildSettler> settler = nullptr);
 
     void main() override;
 
@@ -59,6 +64,7 @@ private:
     DataManager& dataManager_;
     ReloadRequest reloadRequest_;
     std::shared_ptr<EncodedBodyCache> bodies_;
+    std::shared_ptr<storage::RebuildSettler> settler_;
     std::atomic<bool> didRequestReload_{false};
 };
 

@@ -10,6 +10,8 @@
 
 #include <cerrno>
 #include <memory>
+#include <set>
+#include <utility>
 #include <string>
 
 namespace tamsel::platform {
@@ -37,8 +39,10 @@ public:
     ~FileDescriptor() { close(); }
     FileDescriptor(const FileDescriptor&) = delete;
     FileDescriptor& operator=(const FileDescriptor&) = delete;
+    FileDescriptor(FileDescriptor&& other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
 
     int get() const { return fd_; }
+    int release() { return std::exchange(fd_, -1); }
     int close() {
         if (fd_ < 0) return 0;
         const int result = ::close(fd_);
@@ -115,11 +119,17 @@ std::expected<void, std::error_code> writeFileAtomically(const std::filesystem::
     return writeFileAtomically(path, std::span<const std::string_view>(&bytes, 1));
 }
 
-std::expected<void, std::error_code> writeFileAtomically(const std::filesystem::path& path,
-                                                         std::span<const std::string_view> parts) {
+namespace {
+
+enum class FlushBeforeRename : bool { no, yes };
+
+// The temporary file written, renamed over `path`, and still open.
+std::expected<FileDescriptor, std::error_code> replaceAtomically(const std::filesystem::path& path,
+                                                                 std::span<const std::string_view> parts,
+                                                                 FlushBeforeRename flush) {
     // Something put there between this look and the rename below is still
     // replaced; the look keeps the program from doing it on its own.
-    if (auto replaceable = checkReplaceable(path); !replaceable) return replaceable;
+    if (auto replaceable = checkReplaceable(path); !replaceable) return std::unexpected(replaceable.error());
     const std::filesystem::path directory = path.has_parent_path() ? path.parent_path() : ".";
     // Hidden and recognisable, so that a crash mid-write leaves no file that
     // a reader could mistake for the real one.
@@ -152,17 +162,75 @@ std::expected<void, std::error_code> writeFileAtomically(const std::filesystem::
     for (const std::string_view part : parts) {
         if (!writeAll(fd.get(), part)) return fail();
     }
-    if (::fsync(fd.get()) != 0) return fail();
-    if (fd.close() != 0) return fail();
+    if (flush == FlushBeforeRename::yes && ::fsync(fd.get()) != 0) return fail();
     if (::rename(temporary.c_str(), path.c_str()) != 0) return fail();
     if (previous->get() >= 0) {
         DispatchQueue::global(QualityOfService::background).async([previous = std::move(previous)] { previous->close(); });
     }
+    return fd;
+}
 
-    // Make the rename itself durable; the data is safe either way.
+std::filesystem::path folderOf(const std::filesystem::path& file) {
+    return file.has_parent_path() ? file.parent_path() : ".";
+}
+
+void flushFolder(const std::filesystem::path& directory) {
     FileDescriptor directoryFd(::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (directoryFd.get() >= 0) ::fsync(directoryFd.get());
+}
+
+}  // namespace
+
+std::expected<void, std::error_code> writeFileAtomically(const std::filesystem::path& path,
+                                                         std::span<const std::string_view> parts) {
+    auto written = replaceAtomically(path, parts, FlushBeforeRename::yes);
+    if (!written) return std::unexpected(written.error());
+    // A close that fails after a successful fsync loses nothing.
+    written->close();
+    // Make the rename itself durable; the data is safe either way.
+    flushFolder(folderOf(path));
     return {};
+}
+
+UnflushedFile::UnflushedFile(int descriptor, std::filesystem::path path)
+    : descriptor_(descriptor), path_(std::move(path)) {}
+
+UnflushedFile::~UnflushedFile() {
+    if (descriptor_ >= 0) ::close(descriptor_);
+}
+
+UnflushedFile::UnflushedFile(UnflushedFile&& other) noexcept
+    : descriptor_(std::exchange(other.descriptor_, -1)), path_(std::move(other.path_)) {}
+
+UnflushedFile& UnflushedFile::operator=(UnflushedFile&& other) noexcept {
+    if (this != &other) {
+        if (descriptor_ >= 0) ::close(descriptor_);
+        descriptor_ = std::exchange(other.descriptor_, -1);
+        path_ = std::move(other.path_);
+    }
+    return *this;
+}
+
+std::expected<UnflushedFile, std::error_code> writeFileAtomicallyUnflushed(const std::filesystem::path& path,
+                                                                           std::span<const std::string_view> parts) {
+    auto written = replaceAtomically(path, parts, FlushBeforeRename::no);
+    if (!written) return std::unexpected(written.error());
+    const int descriptor = written->release();
+    return UnflushedFile(descriptor, path);
+}
+
+std::error_code flushFiles(std::span<UnflushedFile> files) {
+    std::error_code first;
+    std::set<std::filesystem::path> folders;
+    for (UnflushedFile& file : files) {
+        if (file.descriptor_ < 0) continue;
+        if (::fsync(file.descriptor_) != 0 && !first) first = std::error_code(errno, std::generic_category());
+        ::close(std::exchange(file.descriptor_, -1));
+        folders.insert(folderOf(file.path_));
+    }
+    // The names only once every file's bytes are down.
+    for (const auto& folder : folders) flushFolder(folder);
+    return first;
 }
 
 std::size_t removeStaleTemporaries(const std::filesystem::path& folder, std::chrono::seconds minimumAge) {

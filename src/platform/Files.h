@@ -44,6 +44,40 @@ std::expected<void, std::error_code> writeFileAtomically(const std::filesystem::
 std::expected<void, std::error_code> writeFileAtomically(const std::filesystem::path& path,
                                                          std::span<const std::string_view> parts);
 
+// A file put in place by writeFileAtomicallyUnflushed: every reader sees it
+// whole under its name, but its bytes and its name may still be in memory
+// only. Holds the file open until flushFiles (or its destruction).
+class UnflushedFile {
+public:
+    UnflushedFile(int descriptor, std::filesystem::path path);
+    ~UnflushedFile();
+    UnflushedFile(UnflushedFile&& other) noexcept;
+    UnflushedFile& operator=(UnflushedFile&& other) noexcept;
+    UnflushedFile(const UnflushedFile&) = delete;
+    UnflushedFile& operator=(const UnflushedFile&) = delete;
+
+    const std::filesystem::path& path() const { return path_; }
+
+private:
+    friend std::error_code flushFiles(std::span<UnflushedFile> files);
+    int descriptor_ = -1;
+    std::filesystem::path path_;
+};
+
+// writeFileAtomically without waiting for the disk: the same whole-file
+// replacement, readers never see half a file, but after a power loss the
+// name may hold the old file, or nothing readable, until flushFiles returned.
+// For files that can be made again from what is durable (the caller keeps a
+// record of what it still owes until the flush), where waiting for the disk
+// would hold up everyone who waits for the file.
+std::expected<UnflushedFile, std::error_code> writeFileAtomicallyUnflushed(const std::filesystem::path& path,
+                                                                           std::span<const std::string_view> parts);
+
+// Puts the files' bytes on disk, then their names: each folder they were
+// renamed into is flushed once. Returns the first error; the files are
+// released either way.
+std::error_code flushFiles(std::span<UnflushedFile> files);
+
 // Removes the temporary files that writeFileAtomically left in `folder` when
 // its process died mid-write: those no live writer holds locked, at least
 // `minimumAge` old. Returns how many it removed; a folder that cannot be

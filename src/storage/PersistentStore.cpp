@@ -173,7 +173,14 @@ PersistentStore::WriteResult PersistentStore::write(const std::optional<std::vec
     return write(file, toSafariJSON);
 }
 
-PersistentStore::WriteResult PersistentStore::write(SafariJSONBuilder& file, model::ExtensionType toSafariJSON) {
+namespace {
+
+// Writes the finished `file` with `put` (one of the atomic writes), logging as
+// the Safari JSON writes do.
+template <class Put,
+          class Written = typename std::invoke_result_t<Put&, const fs::path&, std::span<const std::string_view>>::value_type>
+std::expected<Written, WritingToFileError> writeSafariJSON(SafariJSONBuilder& file, model::ExtensionType toSafariJSON,
+                                                          Put&& put) {
     const fs::path path = PathProvider::safariJSONFilePath(toSafariJSON);
     // Safari refuses a list without entries, so "no entries" is written as
     // one entry that matches nothing.
@@ -183,7 +190,8 @@ PersistentStore::WriteResult PersistentStore::write(SafariJSONBuilder& file, mod
 
     std::error_code ignored;
     fs::create_directories(path.parent_path(), ignored);
-    if (!platform::writeFileAtomically(path, *pieces)) {
+    auto written = put(path, std::span<const std::string_view>(*pieces));
+    if (!written) {
         if (count > 0) {
             logger().error("Could not write %ld blockers to Safari JSON file in shared container: %s",
                            static_cast<long>(count), path.c_str());
@@ -198,7 +206,26 @@ PersistentStore::WriteResult PersistentStore::write(SafariJSONBuilder& file, mod
         logger().info("Removed blockers from Safari JSON file in shared container: %s", path.c_str());
     }
     markExcludedFromBackupAndHidden(path);
-    return {};
+    if constexpr (std::is_void_v<Written>) {
+        return {};
+    } else {
+        return std::move(*written);
+    }
+}
+
+}  // namespace
+
+PersistentStore::WriteResult PersistentStore::write(SafariJSONBuilder& file, model::ExtensionType toSafariJSON) {
+    return writeSafariJSON(file, toSafariJSON, [](const fs::path& path, std::span<const std::string_view> parts) {
+        return platform::writeFileAtomically(path, parts);
+    });
+}
+
+std::expected<platform::UnflushedFile, WritingToFileError> PersistentStore::writeUnflushed(
+    SafariJSONBuilder& file, model::ExtensionType toSafariJSON) {
+    return writeSafariJSON(file, toSafariJSON, [](const fs::path& path, std::span<const std::string_view> parts) {
+        return platform::writeFileAtomicallyUnflushed(path, parts);
+    });
 }
 
 void PersistentStore::prependToSafariJSONFile(const model::Blocker& blocker, ModificationCompletion completion) {

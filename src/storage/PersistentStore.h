@@ -17,6 +17,7 @@
 #include "model/Package.h"
 #include "model/PackageCategory.h"
 #include "model/RawRepresentable.h"
+#include "platform/Files.h"
 
 // The file layer of the rule model: package files in the filters folder,
 // Safari JSON files in the Safari JSON folder, and the file a package is
@@ -152,6 +153,10 @@ public:
                                            model::ExtensionType toSafariJSON);
     // The same for entries gathered in `file` (finished here).
     [[nodiscard]] static WriteResult write(SafariJSONBuilder& file, model::ExtensionType toSafariJSON);
+    // The same without waiting for the disk: the file is in place whole for
+    // every reader, and durable once platform::flushFiles has run on it.
+    [[nodiscard]] static std::expected<platform::UnflushedFile, WritingToFileError> writeUnflushed(
+        SafariJSONBuilder& file, model::ExtensionType toSafariJSON);
     // Puts `blocker` first in the custom extension's Safari JSON file without
     // compiling the file again: the text becomes "[" + entry + "," + the old
     // text after its first character. A zero-byte file is left alone

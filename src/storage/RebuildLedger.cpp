@@ -120,12 +120,19 @@ std::optional<RebuildLedger::Ticket> RebuildLedger::ticket(ExtensionType extensi
     return debt->second;
 }
 
-void RebuildLedger::settle(ExtensionType extension, Ticket ticket) {
+void RebuildLedger::settle(ExtensionType extension, Ticket ticket) { settle({{extension, ticket}}); }
+
+void RebuildLedger::settle(const std::vector<std::pair<ExtensionType, Ticket>>& debts) {
+    if (debts.empty()) return;
     update([&](Ledger& ledger) {
-        const auto debt = ledger.debts.find(extension);
-        if (debt == ledger.debts.end() || debt->second != ticket) return false;
-        ledger.debts.erase(debt);
-        return true;
+        bool changed = false;
+        for (const auto& [extension, ticket] : debts) {
+            const auto debt = ledger.debts.find(extension);
+            if (debt == ledger.debts.end() || debt->second != ticket) continue;
+            ledger.debts.erase(debt);
+            changed = true;
+        }
+        return changed;
     });
 }
 

@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <optional>
+#include <utility>
 #include <vector>
 
 // Which extensions still owe a rebuild: their Safari JSON file, or Safari's
@@ -39,6 +40,8 @@ public:
 
     // Clears the debt when its ticket is still `ticket`.
     static void settle(model::ExtensionType extension, Ticket ticket);
+    // The same for several debts, in one write of the ledger.
+    static void settle(const std::vector<std::pair<model::ExtensionType, Ticket>>& debts);
 
     // The extensions that owe a rebuild, in ExtensionType order.
     static std::vector<model::ExtensionType> owed();

@@ -170,6 +170,53 @@ TEST_F(FilesTest, ReadersNeverSeeAHalfWrittenFile) {
     EXPECT_EQ(torn, 0);
 }
 
+std::size_t openDescriptors() {
+    return static_cast<std::size_t>(std::distance(std::filesystem::directory_iterator("/proc/self/fd"),
+                                                  std::filesystem::directory_iterator()));
+}
+
+TEST_F(FilesTest, AnUnflushedWriteIsWholeAtOnceAndTheFlushLetsGoOfIt) {
+    writeOld();
+    const std::size_t before = openDescriptors();
+    const std::string_view parts[] = {"new ", "content"};
+    auto written = writeFileAtomicallyUnflushed(target, parts);
+    ASSERT_TRUE(written);
+    EXPECT_EQ(written->path(), target);
+    EXPECT_EQ(*readFile(target), "new content");
+    EXPECT_EQ(namesIn(target.parent_path()), std::vector<std::string>{"block-ads.json"});
+
+    auto other = writeFileAtomicallyUnflushed(directory / "shared" / "block-trackers.json", parts);
+    ASSERT_TRUE(other);
+    std::vector<UnflushedFile> files;
+    files.push_back(std::move(*written));
+    files.push_back(std::move(*other));
+    EXPECT_FALSE(flushFiles(files));
+    EXPECT_EQ(openDescriptors(), before) << "every file is closed once it is down";
+    EXPECT_FALSE(flushFiles(files)) << "flushing twice is harmless";
+
+    // What the flushed write refuses, this one refuses too.
+    const auto link = target.parent_path() / "link";
+    std::filesystem::create_symlink(target, link);
+    const auto refused = writeFileAtomicallyUnflushed(link, parts);
+    ASSERT_FALSE(refused);
+    EXPECT_EQ(refused.error(), FileError::notRegularFile);
+}
+
+TEST_F(FilesTest, AFailedFlushIsReportedAndTheOtherFilesAreStillFlushed) {
+    int pipe[2];
+    ASSERT_EQ(::pipe(pipe), 0);
+    ::close(pipe[1]);
+    const std::string_view parts[] = {"new content"};
+    auto written = writeFileAtomicallyUnflushed(target, parts);
+    ASSERT_TRUE(written);
+    std::vector<UnflushedFile> files;
+    files.emplace_back(pipe[0], target);
+    files.push_back(std::move(*written));
+    const std::size_t before = openDescriptors();
+    EXPECT_EQ(flushFiles(files), std::errc::invalid_argument);
+    EXPECT_EQ(openDescriptors(), before - 2);
+}
+
 TEST_F(FilesTest, ReadFileReportsWhatIsWrong) {
     EXPECT_EQ(readFile(directory / "absent").error(), std::errc::no_such_file_or_directory);
     EXPECT_EQ(readFile(directory.path()).error(), std::errc::is_a_directory);
