@@ -98,7 +98,12 @@ using RuleHandler = std::function<void(const std::string& packageID, Rule&& rule
 // identifier comes with the first rule even when "id" follows "rules" in the
 // file. A failure anywhere fails the whole decode, with the same printed
 // lines as decodePackage; the rules `onRule` got by then are to be dropped.
-Decoded<Package> decodePackageRuleByRule(JSONInput json, const RuleHandler& onRule);
+// With RuleNames::skipped each rule's "name" is checked to be a string but
+// not read (the rules come without names): for callers that need only what
+// the rules block, a good part of the work.
+enum class RuleNames { read, skipped };
+Decoded<Package> decodePackageRuleByRule(JSONInput json, const RuleHandler& onRule,
+                                         RuleNames names = RuleNames::read);
 
 Decoded<Rule> decodeRule(JSONInput json);
 Decoded<Blocker> decodeBlocker(JSONInput json);

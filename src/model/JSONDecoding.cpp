@@ -396,7 +396,16 @@ Result<T> printingFailure(Result<T> result) {
     return result;
 }
 
-Result<void> readRuleIntoUnreported(od::value& value, Rule& rule) {
+// Checks that the value is a string without reading it.
+Result<void> skipString(od::value& value) {
+    auto raw = readTyped<od::raw_json_string>(value, od::json_type::string, [](od::value& v, od::raw_json_string& text) {
+        return v.get_raw_json_string().get(text);
+    });
+    if (!raw) return std::unexpected(raw.error());
+    return {};
+}
+
+Result<void> readRuleIntoUnreported(od::value& value, Rule& rule, RuleNames names) {
     bool id = false;
     bool name = false;
     bool content = false;
@@ -408,7 +417,7 @@ Result<void> readRuleIntoUnreported(od::value& value, Rule& rule) {
             return read;
         }
         if (key == "name") {
-            auto read = readStringInto(field, rule.name);
+            auto read = names == RuleNames::read ? readStringInto(field, rule.name) : skipString(field);
             name = name || read.has_value();
             return read;
         }
@@ -442,13 +451,16 @@ Result<void> readRuleIntoUnreported(od::value& value, Rule& rule) {
     return {};
 }
 
-Result<void> readRuleInto(od::value& value, Rule& rule) {
-    auto read = readRuleIntoUnreported(value, rule);
+Result<void> readRuleInto(od::value& value, Rule& rule, RuleNames names = RuleNames::read) {
+    auto read = readRuleIntoUnreported(value, rule, names);
     if (!read) platform::consolePrint(read.error().description());
     return read;
 }
 
-Result<Rule> readRule(od::value& value) { return readFresh<Rule>(value, readRuleInto, Rule({}, {}, {})); }
+Result<Rule> readRule(od::value& value) {
+    return readFresh<Rule>(
+        value, [](od::value& v, Rule& rule) { return readRuleInto(v, rule); }, Rule({}, {}, {}));
+}
 
 // The rules of a package as they are decoded, for a caller that takes them
 // one by one (see decodePackageRuleByRule): the package's identifier, looked
@@ -456,6 +468,7 @@ Result<Rule> readRule(od::value& value) { return readFresh<Rule>(value, readRule
 struct RuleStream {
     const std::string& packageID;
     const RuleHandler& onRule;
+    RuleNames names;
 };
 
 Result<Package> readPackage(od::value& value, const RuleStream* stream) {
@@ -467,7 +480,7 @@ Result<Package> readPackage(od::value& value, const RuleStream* stream) {
         // One rule at a time, each decoded over the one before.
         Rule rule({}, {}, {});
         auto walked = forEachElement(list, [stream, &rule](od::value& element) -> Result<void> {
-            if (auto read = readRuleInto(element, rule); !read) return read;
+            if (auto read = readRuleInto(element, rule, stream->names); !read) return read;
             stream->onRule(stream->packageID, std::move(rule));
             return {};
         });
@@ -610,7 +623,7 @@ Decoded<Package> decodePackage(JSONInput json) {
     return decodeObject<Package>(json, readWholePackage);
 }
 
-Decoded<Package> decodePackageRuleByRule(JSONInput json, const RuleHandler& onRule) {
+Decoded<Package> decodePackageRuleByRule(JSONInput json, const RuleHandler& onRule, RuleNames names) {
     // The identifier that the walk will end up with (the last "id" wins, as
     // in the walk), so that the rules read before it already carry it.
     std::string packageID;
@@ -632,7 +645,7 @@ Decoded<Package> decodePackageRuleByRule(JSONInput json, const RuleHandler& onRu
         }
         return true;
     };
-    const RuleStream stream{packageID, onRule};
+    const RuleStream stream{packageID, onRule, names};
     return decodeDocument<Package>(
         json, "object", [&stream](od::value& root, od::json_type) { return readPackage(root, &stream); }, findID);
 }

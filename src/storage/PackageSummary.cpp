@@ -117,7 +117,8 @@ std::vector<PackageSummary::Entry> decodeEntries(model::JSONFileName file, const
     }
     std::vector<std::string> ids;
     auto package = model::decodePackageRuleByRule(
-        bytes, [&ids](const std::string&, model::Rule&& rule) { ids.push_back(std::move(rule.id)); });
+        bytes, [&ids](const std::string&, model::Rule&& rule) { ids.push_back(std::move(rule.id)); },
+        model::RuleNames::skipped);
     if (package) outlines.push_back({package->id, package->name, std::move(ids)});
     return outlines;
 }

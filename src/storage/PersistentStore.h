@@ -125,7 +125,8 @@ public:
     // gets each rule as it is decoded, then `completion` the package without
     // its rules, or nothing. Nothing means the file was missing or did not
     // decode, and whatever `onRule` got is to be dropped. `onRule` runs on
-    // the reading thread, before `completion`.
+    // the reading thread, before `completion`. The rules come without their
+    // names: this reading is for what they block.
     static void readPackageRules(model::JSONFileName from, model::RuleHandler onRule,
                                  PackagesCompletion completion);
 

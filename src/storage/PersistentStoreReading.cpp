@@ -311,7 +311,7 @@ void PersistentStore::readPackages(model::PackageCategory category, JSONFileName
 
 void PersistentStore::readPackageRules(JSONFileName from, model::RuleHandler onRule, PackagesCompletion completion) {
     FileDecoder decode = [onRule = std::move(onRule)](const simdjson::padded_string& bytes) {
-        return asList(model::decodePackageRuleByRule(bytes, onRule));
+        return asList(model::decodePackageRuleByRule(bytes, onRule, model::RuleNames::skipped));
     };
     readPackageFile(from, std::move(decode), true, [completion = std::move(completion)](auto packages) {
         if (completion) completion(std::move(packages));

@@ -382,6 +382,32 @@ TEST(RuleStreamTest, EachStreamedRuleIsExactlyTheOneInTheFile) {
     auto whole = decodePackage(json);
     ASSERT_TRUE(whole.has_value());
     EXPECT_EQ(whole->rules, rules);
+
+    // Without names: everything else as it was.
+    std::vector<Rule> nameless;
+    auto package = decodePackageRuleByRule(
+        json, [&](const std::string&, Rule&& rule) { nameless.push_back(std::move(rule)); }, RuleNames::skipped);
+    ASSERT_TRUE(package.has_value()) << package.error().description;
+    ASSERT_EQ(nameless.size(), rules.size());
+    for (std::size_t i = 0; i < rules.size(); ++i) {
+        Rule expected = rules[i];
+        expected.name.clear();
+        EXPECT_EQ(nameless[i], expected) << "rule " << i;
+    }
+}
+
+TEST(RulePackageTest, RuleByRuleWithoutNamesStillRefusesAMissingOrMistypedName) {
+    const auto rule = [](std::string_view name) {
+        return R"({"id":"p","name":"P","rules":[{"id":"1",)" + std::string(name) +
+               R"("content":{"trigger":{"url-filter":"x"},"action":{"type":"block"}}}]})";
+    };
+    for (const std::string& json : {rule(R"("name":5,)"), rule(""), rule(R"("name":null,)")}) {
+        auto whole = decodePackage(json);
+        ASSERT_FALSE(whole.has_value()) << json;
+        auto nameless = decodePackageRuleByRule(json, [](const std::string&, Rule&&) {}, RuleNames::skipped);
+        ASSERT_FALSE(nameless.has_value()) << json;
+        EXPECT_EQ(nameless.error(), whole.error()) << json;
+    }
 }
 
 }  // namespace
