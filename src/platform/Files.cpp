@@ -9,6 +9,8 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
+#include <random>
 #include <memory>
 #include <set>
 #include <utility>
@@ -281,17 +283,17 @@ FileStamp fileStamp(const std::filesystem::path& path, StampContent content) {
     return stamp;
 }
 
-std::expected<std::string, std::error_code> readFile(const std::filesystem::path& path) {
-    FileDescriptor fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
-    if (fd.get() < 0) return lastError();
+namespace {
+
+std::expected<std::string, std::error_code> readOpenFile(int fd) {
     struct stat status{};
-    if (::fstat(fd.get(), &status) != 0) return lastError();
+    if (::fstat(fd, &status) != 0) return lastError();
     if (S_ISDIR(status.st_mode)) return std::unexpected(std::make_error_code(std::errc::is_a_directory));
     std::string content;
     content.reserve(static_cast<std::size_t>(status.st_size));
     char buffer[65536];
     for (;;) {
-        const ssize_t count = ::read(fd.get(), buffer, sizeof buffer);
+        const ssize_t count = ::read(fd, buffer, sizeof buffer);
         if (count < 0) {
             if (errno == EINTR) continue;
             return lastError();
@@ -300,6 +302,66 @@ std::expected<std::string, std::error_code> readFile(const std::filesystem::path
         content.append(buffer, static_cast<std::size_t>(count));
     }
     return content;
+}
+
+}  // namespace
+
+std::expected<std::string, std::error_code> readFile(const std::filesystem::path& path) {
+    FileDescriptor fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    if (fd.get() < 0) return lastError();
+    return readOpenFile(fd.get());
+}
+
+std::expected<FileSnapshot, std::error_code> FileSnapshot::take(const std::filesystem::path& path) {
+    FileDescriptor fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    if (fd.get() < 0) return lastError();
+    auto bytes = readOpenFile(fd.get());
+    if (!bytes) return std::unexpected(bytes.error());
+    return FileSnapshot(fd.release(), std::move(*bytes));
+}
+
+FileSnapshot::~FileSnapshot() {
+    if (descriptor_ >= 0) ::close(descriptor_);
+}
+
+FileSnapshot::FileSnapshot(FileSnapshot&& other) noexcept
+    : descriptor_(std::exchange(other.descriptor_, -1)), bytes_(std::move(other.bytes_)) {}
+
+std::expected<void, std::error_code> FileSnapshot::linkAs(const std::filesystem::path& path) const {
+    if (auto replaceable = checkReplaceable(path); !replaceable) return replaceable;
+    const std::filesystem::path directory = folderOf(path);
+    // Already its name (rename would then leave the temporary name behind).
+    struct stat file{};
+    struct stat there{};
+    if (::fstat(descriptor_, &file) != 0) return lastError();
+    if (::stat(path.c_str(), &there) == 0 && there.st_dev == file.st_dev && there.st_ino == file.st_ino) return {};
+    // The open file by its descriptor's name: the very file that was read.
+    const std::string source = "/proc/self/fd/" + std::to_string(descriptor_);
+    // A temporary name as writeFileAtomically's, tried until one is free
+    // (a link cannot be made under a fresh random name the way mkostemp
+    // makes a file).
+    static thread_local std::mt19937 random(std::random_device{}());
+    std::filesystem::path temporary;
+    for (int attempt = 0;; ++attempt) {
+        char suffix[7];
+        std::snprintf(suffix, sizeof suffix, "%06u", static_cast<unsigned>(random() % 1000000u));
+        temporary = directory / ("." + path.filename().string() + std::string(temporaryMarker) + suffix);
+        if (::linkat(AT_FDCWD, source.c_str(), AT_FDCWD, temporary.c_str(), AT_SYMLINK_FOLLOW) == 0) break;
+        if (errno != EEXIST || attempt == 100) return lastError();
+    }
+    if (::rename(temporary.c_str(), path.c_str()) != 0) {
+        const int error = errno;
+        ::unlink(temporary.c_str());
+        return std::unexpected(std::error_code(error, std::generic_category()));
+    }
+    // Renaming over another name of the same file (another program linked
+    // this file there meanwhile) leaves both names: the temporary one goes.
+    struct stat left{};
+    if (::stat(temporary.c_str(), &left) == 0 && left.st_dev == file.st_dev && left.st_ino == file.st_ino) {
+        ::unlink(temporary.c_str());
+    }
+    flushFolder(directory);
+    return {};
 }
 
 std::expected<void, std::error_code> setExcludedFromBackup(const std::filesystem::path& path, bool excluded) {

@@ -9,6 +9,7 @@
 #include <string>
 #include <string_view>
 #include <system_error>
+#include <utility>
 
 // File operations whose results other programs read.
 namespace tamsel::platform {
@@ -105,6 +106,32 @@ FileStamp fileStamp(const std::filesystem::path& path, StampContent content = St
 
 // The whole file.
 std::expected<std::string, std::error_code> readFile(const std::filesystem::path& path);
+
+// A file read whole and kept open, so that what was read and what is named
+// later are one and the same file, even if its path is replaced meanwhile.
+class FileSnapshot {
+public:
+    static std::expected<FileSnapshot, std::error_code> take(const std::filesystem::path& path);
+    ~FileSnapshot();
+    FileSnapshot(FileSnapshot&& other) noexcept;
+    FileSnapshot& operator=(FileSnapshot&&) = delete;
+    FileSnapshot(const FileSnapshot&) = delete;
+    FileSnapshot& operator=(const FileSnapshot&) = delete;
+
+    const std::string& bytes() const { return bytes_; }
+
+    // Gives the file that was read the name `path` as well (a hard link),
+    // replacing what is there as writeFileAtomically does, and puts the name
+    // on disk: no byte is written, the file's own flush covers its bytes.
+    // Fails (EXDEV and the like) where the file system cannot link; the
+    // caller then writes a copy.
+    std::expected<void, std::error_code> linkAs(const std::filesystem::path& path) const;
+
+private:
+    FileSnapshot(int descriptor, std::string bytes) : descriptor_(descriptor), bytes_(std::move(bytes)) {}
+    int descriptor_ = -1;
+    std::string bytes_;
+};
 
 // "Excluded from backup" and "hidden" are kept as extended attributes in the
 // user namespace ("user.tamsel.excluded-from-backup", "user.tamsel.hidden").

@@ -108,9 +108,9 @@ std::optional<PlatformError> LocalContentBlockerManager::reloadNow(const std::st
         record(identifier, injected, 0);
         return injected;
     }
-    auto bytes = readFile(*file);
-    if (!bytes) {
-        auto error = compileError("Failed to read the rule list: " + bytes.error().message() + ".");
+    auto snapshot = FileSnapshot::take(*file);
+    if (!snapshot) {
+        auto error = compileError("Failed to read the rule list: " + snapshot.error().message() + ".");
         record(identifier, error, 0);
         return error;
     }
@@ -119,8 +119,7 @@ std::optional<PlatformError> LocalContentBlockerManager::reloadNow(const std::st
         std::lock_guard lock(listsMutex_);
         empty = servesEmptyList_ && servesEmptyList_();
     }
-    if (empty) bytes->assign("[]");
-    auto entries = compileList(identifier, *bytes);
+    auto entries = empty ? compileList(identifier, "[]", nullptr) : compileList(identifier, snapshot->bytes(), &*snapshot);
     if (!entries) {
         record(identifier, entries.error(), 0);
         return entries.error();
@@ -137,7 +136,8 @@ std::filesystem::path LocalContentBlockerManager::compiledListPath(const std::st
 // body when only the whitelisting tail changed, and keeps the list for other
 // processes. Answers the number of entries Safari would count.
 std::expected<std::size_t, PlatformError> LocalContentBlockerManager::compileList(const std::string& identifier,
-                                                                                  const std::string& json) {
+                                                                                  const std::string& json,
+                                                                                  const FileSnapshot* source) {
     std::shared_ptr<const ContentRuleMatcher> previous = json == "[]" ? nullptr : matcher(identifier);
     std::shared_ptr<const ContentRuleMatcher> compiled;
     if (json != "[]") {
@@ -149,9 +149,13 @@ std::expected<std::size_t, PlatformError> LocalContentBlockerManager::compileLis
     std::error_code ignored;
     std::filesystem::create_directories(listsFolder_, ignored);
     const auto path = compiledListPath(identifier);
-    if (auto written = writeFileAtomically(path, json); !written)
-        return std::unexpected(
-            compileError("Failed to store the compiled rule list: " + written.error().message() + "."));
+    // The list is kept as another name of the file it was compiled from: a
+    // copy would be written and flushed for every reload.
+    if (!source || !source->linkAs(path)) {
+        if (auto written = writeFileAtomically(path, json); !written)
+            return std::unexpected(
+                compileError("Failed to store the compiled rule list: " + written.error().message() + "."));
+    }
     std::lock_guard lock(listsMutex_);
     lists_[identifier] = CompiledList{fileStamp(path), std::move(compiled)};
     return entries;

@@ -90,7 +90,9 @@ public:
 
 private:
     std::filesystem::path compiledListPath(const std::string& identifier) const;
-    std::expected<std::size_t, PlatformError> compileList(const std::string& identifier, const std::string& json);
+    // `source`, when given, is the file `json` was read from.
+    std::expected<std::size_t, PlatformError> compileList(const std::string& identifier, const std::string& json,
+                                                          const FileSnapshot* source);
 
     std::optional<PlatformError> takeInjectedFailure(const std::string& identifier);
     void record(const std::string& identifier, const std::optional<PlatformError>& error, std::size_t entries);

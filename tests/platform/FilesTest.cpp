@@ -217,6 +217,66 @@ TEST_F(FilesTest, AFailedFlushIsReportedAndTheOtherFilesAreStillFlushed) {
     EXPECT_EQ(openDescriptors(), before - 2);
 }
 
+ino_t inodeOf(const std::filesystem::path& path) {
+    struct stat status{};
+    EXPECT_EQ(::stat(path.c_str(), &status), 0) << path;
+    return status.st_ino;
+}
+
+TEST_F(FilesTest, ASnapshotNamesTheVeryFileItReadOrNothing) {
+    writeOld();
+    auto snapshot = FileSnapshot::take(target);
+    ASSERT_TRUE(snapshot);
+    EXPECT_EQ(snapshot->bytes(), "old content");
+
+    const auto kept = directory / "kept" / "list.json";
+    std::filesystem::create_directories(kept.parent_path());
+    ASSERT_TRUE(writeFileAtomically(kept, "what was kept before"));
+    ASSERT_TRUE(snapshot->linkAs(kept));
+    EXPECT_EQ(inodeOf(kept), inodeOf(target)) << "another name, not a copy";
+    ASSERT_TRUE(snapshot->linkAs(kept)) << "naming it again changes nothing";
+    EXPECT_EQ(namesIn(kept.parent_path()), std::vector<std::string>{"list.json"}) << "no temporary name is left";
+
+    // Once its path holds another file, the one that was read has no name
+    // left to link from: the caller writes a copy instead.
+    ASSERT_TRUE(writeFileAtomically(kept, "what was kept before"));
+    const auto gone = FileSnapshot::take(target);
+    ASSERT_TRUE(gone);
+    ASSERT_TRUE(writeFileAtomically(target, "newest content"));
+    EXPECT_FALSE(gone->linkAs(kept));
+    EXPECT_EQ(*readFile(kept), "what was kept before");
+    EXPECT_EQ(namesIn(kept.parent_path()), std::vector<std::string>{"list.json"});
+
+    // What the writes refuse to replace, the link refuses too.
+    const auto link = kept.parent_path() / "link";
+    std::filesystem::create_symlink(kept, link);
+    const auto refused = snapshot->linkAs(link);
+    ASSERT_FALSE(refused);
+    EXPECT_EQ(refused.error(), FileError::notRegularFile);
+    EXPECT_EQ(FileSnapshot::take(directory / "absent").error(), std::errc::no_such_file_or_directory);
+}
+
+TEST_F(FilesTest, ASnapshotCannotBeNamedOnAnotherFileSystem) {
+    struct stat here{};
+    struct stat shared{};
+    if (::stat(target.parent_path().c_str(), &here) != 0 || ::stat("/dev/shm", &shared) != 0 ||
+        here.st_dev == shared.st_dev) {
+        GTEST_SKIP() << "no second file system at hand";
+    }
+    writeOld();
+    auto snapshot = FileSnapshot::take(target);
+    ASSERT_TRUE(snapshot);
+    std::string pattern = "/dev/shm/tamsel-files-XXXXXX";
+    ASSERT_NE(::mkdtemp(pattern.data()), nullptr);
+    const std::filesystem::path elsewhere = pattern;
+    const auto result = snapshot->linkAs(elsewhere / "list.json");
+    const bool empty = std::filesystem::is_empty(elsewhere);
+    std::filesystem::remove_all(elsewhere);
+    ASSERT_FALSE(result);
+    EXPECT_EQ(result.error(), std::errc::cross_device_link);
+    EXPECT_TRUE(empty);
+}
+
 TEST_F(FilesTest, ReadFileReportsWhatIsWrong) {
     EXPECT_EQ(readFile(directory / "absent").error(), std::errc::no_such_file_or_directory);
     EXPECT_EQ(readFile(directory.path()).error(), std::errc::is_a_directory);

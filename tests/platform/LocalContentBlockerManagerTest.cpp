@@ -129,6 +129,8 @@ TEST_F(LocalContentBlockerManagerTest, EachSuccessfulReloadBuildsTheMatcherThatL
     ASSERT_EQ(reload(*manager), std::nullopt);
     EXPECT_TRUE(blocksAds(*manager));
     EXPECT_FALSE(blocksAds(*manager, "https://example.com/"));
+    // The list is kept as another name of the file it was compiled from.
+    EXPECT_TRUE(std::filesystem::equivalent(manager->compiledListsFolder() / (adsID + ".json"), file));
 
     // Another process sees what this one compiled, not what the file holds since.
     writeList(R"([{"trigger":{"url-filter":"nothing"},"action":{"type":"block"}}])");
@@ -162,6 +164,8 @@ TEST_F(LocalContentBlockerManagerTest, WhilePausedAReloadServesAnEmptyListUntilT
     EXPECT_TRUE(blocksAds(*manager));  // the pause takes effect with the next reload
     ASSERT_EQ(reload(*manager), std::nullopt);
     EXPECT_FALSE(blocksAds(*manager));
+    EXPECT_EQ(*readFile(manager->compiledListsFolder() / (adsID + ".json")), "[]");
+    EXPECT_EQ(*readFile(file), goodList) << "the rule file itself is left alone";
     paused = false;
     EXPECT_FALSE(blocksAds(*manager));
     ASSERT_EQ(reload(*manager), std::nullopt);
